@@ -1,0 +1,14 @@
+# What every unit of ours is compiled with. Warnings are errors: the compilers are Debian's, so they do not surprise us.
+add_compile_options(
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wnon-virtual-dtor
+  -Woverloaded-virtual -Wformat=2 -Wnull-dereference -Werror)
+add_compile_options(-fstack-protector-strong -ffunction-sections -fdata-sections)
+add_link_options(-Wl,--gc-sections -Wl,--as-needed)
+include_directories(${PROJECT_SOURCE_DIR})
+
+if(SANITIZE)
+  add_compile_options(-fsanitize=${SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${SANITIZE})
+  # With the sanitizers' instrumentation, gcc sees null pointers that cannot be.
+  add_compile_options(-Wno-null-dereference -Wno-maybe-uninitialized)
+endif()
