@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Looks at the sources without running them. Installs what is missing first.
+#
+# Usage: scripts/check.sh [format|shell|tidy]...
+#   format  every C++ file is formatted as .clang-format says
+#   shell   shellcheck has nothing to say about the scripts
+#   tidy    clang-tidy has nothing to say about the C++ files; needs the configuration of build/debug (made if missing)
+#   Without any, all three.
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/check.sh; }
+
+format() {
+    git ls-files -z '*.h' '*.cpp' | xargs --null --no-run-if-empty clang-format-14 --dry-run --Werror
+}
+
+shell() {
+    { git ls-files -z 'scripts/*.sh' 'packaging/*.sh'; printf '.ci/run\0'; } | xargs --null shellcheck
+}
+
+# The unit that compiles asio is not ours to judge.
+tidy() {
+    [[ -e build/debug/compile_commands.json ]] || cmake --preset debug
+    git ls-files -z '*.cpp' ':!cmake/' |
+        xargs --null --no-run-if-empty --max-args=1 --max-procs="$(nproc)" clang-tidy-14 --quiet -p build/debug
+}
+
+for job in "$@"; do
+    case $job in
+        -h | --help) usage; exit 0 ;;
+        format | shell | tidy) ;;
+        *) echo "check.sh: unknown check '$job', see --help" >&2; exit 2 ;;
+    esac
+done
+(($# > 0)) || set -- format shell tidy
+
+scripts/setup.sh build test check
+for job in "$@"; do
+    echo "check: $job"
+    "$job"
+done

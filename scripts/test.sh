@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Builds everything with warnings as errors and runs every test, in parallel. Installs what is missing first.
+#
+# Usage: scripts/test.sh [--preset NAME | --sanitize address|thread]
+#   --preset NAME       one of CMakePresets.json: debug (the default), release, asan, tsan
+#   --sanitize address  the same as --preset asan: address and undefined-behaviour sanitizers
+#   --sanitize thread   the same as --preset tsan: thread sanitizer
+#
+# The build stays in build/NAME. The exit status is 0 when every test passed.
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/test.sh; }
+refuse() { echo "test.sh: $1, see --help" >&2; exit 2; }
+
+preset=debug
+while (($# > 0)); do
+    case $1 in
+        -h | --help) usage; exit 0 ;;
+        --preset)
+            (($# > 1)) || refuse "--preset wants a name"
+            preset=$2
+            shift ;;
+        --sanitize)
+            case ${2:-} in
+                address) preset=asan ;;
+                thread) preset=tsan ;;
+                *) refuse "--sanitize wants address or thread" ;;
+            esac
+            shift ;;
+        *) refuse "unknown option '$1'" ;;
+    esac
+    shift
+done
+case $preset in
+    debug | release | asan | tsan) ;;
+    *) refuse "unknown preset '$preset'" ;;
+esac
+
+scripts/setup.sh build test
+echo "test: building in build/$preset"
+cmake --preset "$preset" -DBUILD_LAB=ON -DBUILD_TESTS=ON
+cmake --build --preset "$preset"
+
+runner=()
+# Thread sanitizer cannot cope with the wide address randomisation of newer kernels; where we may, we switch it off.
+if [[ $preset == tsan ]] && setarch --addr-no-randomize true 2>/dev/null; then
+    runner=(setarch --addr-no-randomize)
+fi
+echo "test: running every test of build/$preset"
+"${runner[@]}" ctest --preset "$preset"
