@@ -35,8 +35,8 @@ int LogSetLevelByName(const char* name);
 /// "error", "warning", "info", "debug" or "verbose", exactly so written; any other name is 0, off.
 std::int32_t LogLevelFromName(const char* name);
 
-/// A log file that has grown beyond 1000 * `kilobytes` bytes is followed by a new one; looked at now and every
-/// 100 lines. The product is taken in 32 bits: 0, and values that turn it negative, switch the limit off.
+/// A log file that has grown beyond 1000 * `kilobytes` bytes is followed by a new one; looked at now and then
+/// every 100 lines. The product is taken in 32 bits: 0, or one that turns negative, switches the limit off.
 void LogSetMaxFileSize(std::uint32_t kilobytes);
 
 /// A log file that has been open for `hours` is followed by a new one; 0 or less switches this off. The new

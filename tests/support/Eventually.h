@@ -1,0 +1,20 @@
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace support {
+
+/// Waits until `condition()` holds, for what another process or thread does; looks every few milliseconds.
+/// @return false when it still does not hold after `ceiling`
+template <typename Condition>
+bool Eventually(Condition condition, std::chrono::milliseconds ceiling = std::chrono::seconds(20)) {
+    const auto end = std::chrono::steady_clock::now() + ceiling;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+}  // namespace support
