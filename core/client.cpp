@@ -1,0 +1,37 @@
+// The process: read the configuration, start the log, then register and tunnel for ever.
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+
+#include "core/Cycle.h"
+#include "core/LoadConfiguration.h"
+#include "log/Log.h"
+
+using namespace nox::tunnel_client;
+
+int main(int argc, char* argv[]) {
+    RegistrationConfig registration;
+    TunnelConfig tunnel;
+    LogConfig log;
+    try {
+        LoadConfiguration(argc, argv, registration, tunnel, log);
+    } catch (const std::exception& failure) {
+        std::cerr << "Invalid configuration - exiting: " << failure.what() << std::endl;
+        return 1;
+    }
+
+    // Whoever reads our log through a pipe may hang up; that must not end the agent. (Sockets never raise
+    // it.)
+    std::signal(SIGPIPE, SIG_IGN);
+    LogStart(log.path.empty() ? nullptr : log.path.c_str(), log.level, 1);
+    LogWrite("client", 196, logInfo, "Tunnel client version: %s", TUNNEL_CLIENT_VERSION);
+
+    RegistrationClient client(registration);
+    for (;;) {
+        RunTurn(client, tunnel);
+        // A negative pause is taken as the huge unsigned number that it is to sleep.
+        sleep(static_cast<unsigned>(registration.registrationReconnectSeconds));
+    }
+}
