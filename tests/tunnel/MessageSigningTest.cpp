@@ -1,0 +1,67 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+
+#include "tunnel/MessageSigning.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+// The digests were made with md5sum from texts put together by hand.
+struct Signed {
+    const char* name;
+    const char* message;
+    const char* signature;
+};
+class ComputesSignatures : public testing::TestWithParam<Signed> {};
+
+TEST_P(ComputesSignatures, OverTheMembersInOrderOfTheirNames) {
+    const auto message = json::jobject::parse(GetParam().message);
+    EXPECT_EQ(ComputeSign("secret", message), GetParam().signature);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Messages, ComputesSignatures,
+    testing::Values(
+        Signed{"SortedWithoutSign",
+               R"({"timestamp":"1700000000000","method":"message","sign":"x","noncestr":"abcdefghijklmnop"})",
+               "4020B571B51BAE7521590E0F802D0F29"},
+        Signed{"NumberAsTimestamp", R"({"timestamp":17})", "B843BFE7B7E84A2D5017493B4B628708"},
+        Signed{"TextAsTimestamp", R"({"timestamp":"17","sign":1})", "B843BFE7B7E84A2D5017493B4B628708"},
+        Signed{"OnlyTheExactNameSignIsLeftOut", R"({"x":"keep","Sign":"","timestamp":{"t": [1, 2]}})",
+               "4880E4101279BB6D1F7B9F504866E62A"},
+        Signed{"RawTextOfWhatIsNoString",
+               R"({"b":true,"timestamp":17,"ab":[ 1 ,{"b":null} ],"sign2":"no\n","Sign":"Xa","a":1})",
+               "EC3F9AC6C6496F463D5A07E416083703"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(MessageSigningTest, NeedsATimestamp) {
+    try {
+        ComputeSign("secret", json::jobject::parse(R"({"method":"message"})"));
+        FAIL() << "signed without a timestamp";
+    } catch (const json::invalid_key& error) {
+        EXPECT_STREQ(error.what(), "timestamp");
+    }
+}
+
+TEST(MessageSigningTest, DigestsInUpperCase) {
+    EXPECT_EQ(Md5HexUpper(""), "D41D8CD98F00B204E9800998ECF8427E");
+}
+
+TEST(MessageSigningTest, RepeatsItsFirstNonceAtEveryStart) {
+    json::jobject message;
+    message["method"] = "verify";
+    message["sign"] = "old";
+    SignMessage("secret", message);
+    EXPECT_EQ(message["noncestr"].as_string(), "pkDHTxmMR18N2l9k");  // glibc's rand() as nobody has seeded it
+    EXPECT_TRUE(std::regex_match(message["timestamp"].as_string(), std::regex("1[0-9]{12}")));
+    EXPECT_EQ(message["sign"].as_string(), ComputeSign("secret", message));
+    EXPECT_EQ(message.list_keys(), (std::vector<std::string>{"method", "sign", "timestamp", "noncestr"}));
+    const std::string first = message["sign"].as_string();
+    SignMessage("secret", message);
+    EXPECT_NE(message["sign"].as_string(), first);
+}
+
+}  // namespace
+}  // namespace nox::tunnel_client

@@ -1,0 +1,214 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "lab/ScriptedServer.h"
+#include "tests/support/LogCapture.h"
+#include "tunnel/ServiceConnection.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string id = "session-00000001";
+
+// Keeps what it is told; letting go of a removed session is the owner's part.
+struct Owner : SessionOwner {
+    void QueueMessage(TunnelMessage message) override { frames.push_back(std::move(message)); }
+    void ServiceConnectionFailed(const std::string& session) override { calls += "failed " + session + "\n"; }
+    void SendDisconnectSession(const std::string& session) override {
+        calls += "disconnect " + session + "\n";
+    }
+    void RemoveStoppedSession(const std::string& session) override {
+        calls += "remove " + session + "\n";
+        connection.reset();
+    }
+    std::string Received() const {
+        std::string all;
+        for (const TunnelMessage& frame : frames) all += frame.data;
+        return all;
+    }
+    std::vector<TunnelMessage> frames;
+    std::string calls;
+    std::shared_ptr<ServiceConnection> connection;
+};
+
+class ServiceConnectionTest : public testing::Test {
+protected:
+    std::shared_ptr<ServiceConnection> Connect(unsigned short port) {
+        Delays delays;
+        delays.sessionClose = 60ms;
+        delays.sessionRemoval = 20ms;
+        owner.connection =
+            std::make_shared<ServiceConnection>(SessionParams{id, "127.0.0.1", port}, &owner, io, delays);
+        owner.connection->Connect();
+        return owner.connection;
+    }
+    // Runs the loop until `done`, for ten seconds at most.
+    void RunUntil(const std::function<bool()>& done) {
+        io.restart();
+        for (const auto end = std::chrono::steady_clock::now() + 10s; !done();) {
+            ASSERT_LT(std::chrono::steady_clock::now(), end);
+            io.run_one_for(20ms);
+            io.restart();
+        }
+    }
+    void RunToTheEnd() {
+        io.restart();
+        io.run_for(10s);
+        EXPECT_TRUE(io.stopped()) << "work is left";
+    }
+
+    support::LogCapture log;
+    asio::io_context io;
+    Owner owner;
+};
+
+TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        EXPECT_EQ(peer.Read(10), "first next");
+        peer.Write("answer");
+    }});
+    const auto connection = Connect(service.Port());
+    connection->QueueData("first ");  // queued while still connecting
+    connection->QueueData("next");
+    RunToTheEnd();
+    EXPECT_EQ(owner.Received(), "answer");
+    EXPECT_EQ(owner.frames.at(0).SessionId(), id);
+    EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
+    EXPECT_EQ(log.Count("Session " + id + ", resume sending to service"), 1U);
+    EXPECT_EQ(log.Count("Session " + id + ", nothing to send, pausing"), 1U);
+    const std::vector<std::string> end = {
+        "ServiceConnection::ListenToService, session " + id + ", (2) End of file",
+        "ServiceConnection::Stop() called for session " + id,
+        "Closing session " + id + " socket after timer delay",
+        "Stopping session " + id + " after timer delay",
+    };
+    const auto texts = log.Texts();
+    ASSERT_GE(texts.size(), end.size());
+    EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()), end);
+    connection->QueueData("dropped, the connection has failed");
+    EXPECT_EQ(log.Texts(), texts);
+}
+
+TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
+    const std::string sent(2000000, 's');
+    lab::ScriptedServer service({[&](lab::Connection& peer) { peer.Write(sent); }});
+    const auto connection = Connect(service.Port());
+    const std::string pausing = "Session " + id + ", pausing listening to service";
+    RunUntil([&] { return log.Count(pausing) == 1; });
+    io.run_for(50ms);
+    EXPECT_EQ(owner.frames.size(), 20U);
+    for (int written = 0; written < 5; ++written) connection->UploadFinished();
+    io.run_for(50ms);
+    EXPECT_EQ(owner.frames.size(), 20U) << "resumed above fourteen";
+    connection->UploadFinished();
+    RunUntil([&] { return log.Count(pausing) == 2; });
+    EXPECT_EQ(owner.frames.size(), 26U);
+    while (owner.Received().size() < sent.size()) {
+        connection->UploadFinished();
+        io.run_for(5ms);
+    }
+    EXPECT_EQ(owner.Received(), sent);
+    for (const TunnelMessage& frame : owner.frames) EXPECT_LE(frame.data.size(), 16384U);
+}
+
+TEST_F(ServiceConnectionTest, ReportsAServiceThatRefuses) {
+    unsigned short closed = lab::ScriptedServer({}).Port();
+    Connect(closed)->QueueData("lost");
+    RunToTheEnd();
+    EXPECT_EQ(owner.calls, "failed " + id + "\nremove " + id + "\n");
+    EXPECT_EQ(log.Count("ServiceConnection::Connect: (111) Connection refused"), 1U);
+    EXPECT_EQ(log.Count("SendAsync error with stopFlag, session " + id), 1U);
+}
+
+TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
+    std::string received;
+    lab::ScriptedServer service({[&](lab::Connection& peer) { received = peer.ReadToEnd(); }});
+    const auto connection = Connect(service.Port());
+    RunUntil([&] { return log.Count("Session " + id + ", listening to service") == 1; });
+    const auto stopped = std::chrono::steady_clock::now();
+    connection->Stop();
+    connection->Stop();
+    connection->QueueData("late");
+    RunToTheEnd();
+    EXPECT_GE(std::chrono::steady_clock::now() - stopped, 80ms);
+    service.Finish();
+    EXPECT_EQ(received, "late");
+    EXPECT_EQ(owner.calls, "remove " + id + "\n")
+        << "one shutdown, and no disconnect: the server asked for it";
+    EXPECT_EQ(log.Count("ServiceConnection::Stop() called for session " + id), 2U);
+    EXPECT_EQ(log.Count("ListenToService error with stopFlag, session " + id), 1U);
+}
+
+TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Read(1);
+        peer.Reset();
+    }});
+    const auto connection = Connect(service.Port());
+    connection->QueueData(std::string(20000000, 'w'));
+    RunToTheEnd();
+    // The read or the write may be the first to meet the reset; the second finds the session stopping.
+    EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
+}
+
+TEST_F(ServiceConnectionTest, RefusesWhatIsNoNumericAddress) {
+    for (const char* host : {"localhost", "", "127.0.0.1 ", "127.1", "[::1]"}) {
+        const auto connection = std::make_shared<ServiceConnection>(SessionParams{id, host, 80}, &owner, io);
+        EXPECT_THROW(connection->Connect(), std::system_error) << host;
+    }
+    EXPECT_EQ(io.poll(), 0U);
+}
+
+// Letting go in any state closes the socket at once, and what was under way touches nothing (the address
+// sanitizer sees it if it does).
+struct State {
+    const char* name;
+    const char* reachedWith;  // the log line that says so
+    std::function<void(ServiceConnection&)> arrange = [](ServiceConnection&) {};
+};
+class ServiceConnectionDropped : public ServiceConnectionTest, public testing::WithParamInterface<State> {};
+
+TEST_P(ServiceConnectionDropped, DoesNothingMore) {
+    bool ended = false;
+    lab::ScriptedServer service({[&](lab::Connection& peer) {
+        peer.Write(std::string(1000000, 's'));
+        peer.Read(GetParam().reachedWith == nullptr ? 0 : 1);
+        peer.ReadToEnd();
+        ended = true;
+    }});
+    std::weak_ptr<ServiceConnection> dropped;
+    {
+        const auto connection = Connect(service.Port());
+        dropped = connection;
+        connection->QueueData("x");
+        GetParam().arrange(*connection);
+        if (GetParam().reachedWith != nullptr) {
+            RunUntil([&] { return log.Count("Session " + id + GetParam().reachedWith) > 0; });
+        }
+    }
+    const std::string callsBefore = owner.calls;
+    owner.connection.reset();
+    EXPECT_TRUE(dropped.expired());
+    RunToTheEnd();
+    EXPECT_EQ(owner.calls, callsBefore);
+    if (GetParam().reachedWith != nullptr) {
+        EXPECT_NO_THROW(service.Finish());
+        EXPECT_TRUE(ended);
+    }
+}
+
+void KeepWriting(ServiceConnection& connection) { connection.QueueData(std::string(20000000, 'w')); }
+INSTANTIATE_TEST_SUITE_P(States, ServiceConnectionDropped,
+                         testing::Values(State{"Connecting", nullptr},
+                                         State{"Reading", ", pending uploads: 3"},
+                                         State{"Writing", ", sent 1 bytes to service", KeepWriting},
+                                         State{"Paused", ", pausing listening to service"},
+                                         State{"Stopping", ", pending uploads: 3",
+                                               [](ServiceConnection& session) { session.Stop(); }}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace nox::tunnel_client

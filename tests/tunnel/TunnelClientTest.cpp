@@ -1,0 +1,320 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "tests/support/LogCapture.h"
+#include "tests/tunnel/TunnelRun.h"
+#include "tunnel/TunnelClient.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using namespace support;
+using Lines = std::vector<std::string>;
+
+const std::string welcome = "[TunnelClient:283] Tunnel server message: welcome";
+const std::string stillHere = "[TunnelClient:283] Tunnel server message: still here";
+
+// What a server can say without losing the connection: each has its line, and the next message is read.
+struct Spoken {
+    const char* name;
+    std::function<void(lab::Connection&)> say;
+    Lines log;
+};
+class SurvivesMessages : public testing::TestWithParam<Spoken> {};
+
+TEST_P(SurvivesMessages, WithALineForEach) {
+    const auto log = RunTunnel({[](lab::Connection& agent) {
+                                   Accept(agent);
+                                   GetParam().say(agent);
+                                   Say(agent, R"({"method":"message","message":"still here"})");
+                                   HangUp(agent);
+                               }},
+                               logDebug);
+    EXPECT_EQ(Between(log, welcome, stillHere), GetParam().log);
+}
+
+// A control frame, signed; what a row cannot sign it sends as it is.
+auto Signed(const std::string& json) {
+    return [json](lab::Connection& agent) { Say(agent, json); };
+}
+auto Raw(std::uint8_t type, const std::string& payload) {
+    return [=](lab::Connection& agent) { lab::WriteFrame(agent, {type, "0123456789abcdef", payload}); };
+}
+// The same text as it arrives, for lines that quote it: the signature differs each time.
+Spoken Incomplete(const char* name, const std::string& json, const std::string& line) {
+    std::string stamped = json;
+    stamped.insert(stamped.size() - 1, R"(,"timestamp":"1","noncestr":"n")");
+    stamped.insert(stamped.size() - 1,
+                   R"(,"sign":")" + ComputeSign(password, json::jobject::parse(stamped)) + "\"");
+    return {name, Raw(3, stamped), {line + stamped}};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Control, SurvivesMessages,
+    testing::Values(
+        Spoken{"NotJson",
+               Raw(3, "hello"),
+               {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
+        Spoken{"Empty",
+               Raw(3, ""),
+               {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
+        Spoken{"DuplicateKey",
+               Raw(3, R"({"a":1,"a":2})"),
+               {"[TunnelClient:337] Failed to parse server message: Key conflict"}},
+        Spoken{"EmptyKey",
+               Raw(3, R"({"":1})"),
+               {"[TunnelClient:337] Failed to parse server message: Missing key"}},
+        Spoken{"BracketsAsDeepAsAFrame",
+               Raw(3, std::string(131072, '[')),
+               {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
+        Spoken{"NestedPairs",
+               Raw(3, "{\"a\":" + std::string(65530, '[') + std::string(65530, ']') + "}"),
+               {"[TunnelClient:251] Missing method in server message"}},
+        Spoken{"AnArray", Raw(3, "[]"), {"[TunnelClient:251] Missing method in server message"}},
+        Spoken{"MethodIsANumber",
+               Raw(3, R"({"method":5,"sign":"x"})"),
+               {"[TunnelClient:251] Missing method in server message"}},
+        Spoken{"NoSign",
+               Raw(3, R"({"method":"message"})"),
+               {"[TunnelClient:266] Missing sign: in server message"}},
+        Spoken{"SignIsANumber",
+               Raw(3, R"({"method":"message","sign":1})"),
+               {"[TunnelClient:266] Missing sign: in server message"}},
+        Spoken{"NoTimestamp",
+               Raw(3, R"({"method":"message","sign":"x"})"),
+               {"[TunnelClient:341] Invalid JSON key: timestamp"}},
+        Spoken{"UnknownMethod", Signed(R"({"method":"dance"})"), {}},
+        Spoken{"MessageMissing",
+               Signed(R"({"method":"message"})"),
+               {"[TunnelClient:279] Missing \"message\" field"}},
+        Spoken{"MessageIsANumber", Signed(R"({"method":"message","message":7})"), {}},
+        Spoken{"Conflict",
+               Signed(R"({"method":"conflict"})"),
+               {"[TunnelClient:332] Device was already connected to server, disconnecting other client"}},
+        Incomplete("NewSessionWithoutSession", R"({"method":"new_session","localPort":1})",
+                   "[TunnelClient:289] Incomplete new_session request: "),
+        Incomplete("NewSessionWithoutPort", R"({"method":"new_session","session":"s"})",
+                   "[TunnelClient:289] Incomplete new_session request: "),
+        Incomplete("NewSessionPortIsTrue", R"({"method":"new_session","session":"s","localPort":true})",
+                   "[TunnelClient:289] Incomplete new_session request: "),
+        Incomplete("NewSessionSessionIsANumber", R"({"method":"new_session","session":1,"localPort":1})",
+                   "[TunnelClient:289] Incomplete new_session request: "),
+        Incomplete("EndSessionWithoutSession", R"({"method":"end_session"})",
+                   "[TunnelClient:318] Incomplete end_session request: "),
+        Spoken{"EndOfUnknownSession",
+               Signed(R"({"method":"end_session","session":"s"})"),
+               {"[TunnelClient:328] Session s not found"}},
+        Spoken{"Heartbeat", Raw(1, ""), {}}, Spoken{"TypeTwo", Raw(2, "whatever"), {}},
+        Spoken{"UnknownType", Raw(9, "x"), {"[TunnelClient:238] Unknown message type 9"}},
+        Spoken{"LargestPayload",
+               Raw(255, std::string(131072, 'x')),
+               {"[TunnelClient:238] Unknown message type 255"}},
+        Spoken{"EmptyDataOfUnknownSession", Raw(0, ""), {}},
+        Spoken{"DataOfUnknownSession",
+               Raw(0, "x"),
+               {"[TunnelClient:224] Received data for unknown session 0123456789abcdef"}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+// What ends a connection, with the whole log of it: the line of the cause, the delayed close and what it
+// brings.
+class EndsTheConnection : public testing::TestWithParam<Spoken> {};
+
+TEST_P(EndsTheConnection, AndTheNextOneIsTried) {
+    const auto log = RunTunnel({GetParam().say}, logDebug);
+    ASSERT_FALSE(log.empty());
+    EXPECT_THAT(log.front(), testing::StartsWith("[TunnelClient:98] Connecting to tunnel server 127.0.0.1:"));
+    EXPECT_EQ(Lines(log.begin() + 1, log.end()), GetParam().log);
+}
+
+const std::string closing = "[TunnelClient:147] Closing tunnel server socket after timer delay";
+const std::string timeout = "[TunnelClient:122] Verification timeout";
+auto Bytes(const std::string& bytes) {
+    return [bytes](lab::Connection& agent) {
+        agent.Write(bytes);
+        HangUp(agent);
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Causes, EndsTheConnection,
+    testing::Values(
+        Spoken{"Silence",
+               [](lab::Connection& agent) { agent.ReadToEnd(); },
+               {timeout, closing,
+                "[TunnelClient:168] ListenToTunnelServer - read header: (125) Operation canceled"}},
+        Spoken{"EndBeforeAnyFrame",
+               Bytes(""),
+               {"[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file", closing, timeout}},
+        Spoken{"EndInsideAHeader",
+               Bytes("\x03\0\0\0\x05"s),
+               {"[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file", closing, timeout}},
+        Spoken{"EndInsideAPayload",
+               Bytes("\x03\0\0\0\x05"s + "0000000000000000" + "four"),
+               {"[TunnelClient:193] ListenToTunnelServer - read data: (2) End of file", closing, timeout}},
+        Spoken{"OneByteTooLong",
+               Bytes("\x03\0\x02\0\x01"s + "0000000000000000" + "not read"),
+               {"[TunnelClient:178] Tunnel message size too large: 131073", closing, timeout}},
+        Spoken{"FourGigabytes",
+               Bytes("\x03\xFF\xFF\xFF\xFF"s + "0000000000000000"),
+               {"[TunnelClient:178] Tunnel message size too large: -1", closing, timeout}},
+        Spoken{"ForgedSignature",
+               [](lab::Connection& agent) {
+                   lab::WriteFrame(agent, {3, "", R"({"method":"conflict","timestamp":17,"sign":"0"})"});
+                   agent.ReadToEnd();
+               },
+               {"[TunnelClient:259] Message signature mismatch: 0, 7CE9ADCE4793965D9571BDB8F822BCA8",
+                "[TunnelClient:260] Failed to verify server message", closing, timeout}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(TunnelClientTest, FindsAResetInReadingOrWriting) {
+    const auto log = RunTunnel({[](lab::Connection& agent) {
+        lab::ReadControl(agent);
+        agent.Reset();
+    }});
+    EXPECT_EQ(
+        Count(log, "[TunnelClient:168] ListenToTunnelServer - read header: (104) Connection reset by peer"),
+        1U);
+}
+
+// What a server can say that ends the whole run: the cycle logs it and registers again.
+struct Fatal {
+    const char* name;
+    const char* request;
+    const char* error;
+};
+class EndsTheRun : public testing::TestWithParam<Fatal> {};
+
+TEST_P(EndsTheRun, WithAnException) {
+    try {
+        RunTunnel({[](lab::Connection& agent) {
+            Accept(agent);
+            Say(agent, GetParam().request);
+            agent.ReadToEnd();
+        }});
+        FAIL() << "the run went on";
+    } catch (const std::exception& error) {
+        EXPECT_THAT(error.what(), testing::StartsWith(GetParam().error));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, EndsTheRun,
+    testing::Values(
+        Fatal{"PortIsAWord",
+              R"({"method":"new_session","session":"s","localHost":"127.0.0.1","localPort":"abc"})", "stoi"},
+        Fatal{"PortIsTooLarge",
+              R"({"method":"new_session","session":"s","localHost":"127.0.0.1","localPort":4294967296})",
+              "stoi"},
+        Fatal{"HostIsMissing", R"({"method":"new_session","session":"s","localPort":80})",
+              "Invalid argument"},
+        Fatal{"HostIsANumber", R"({"method":"new_session","session":"s","localPort":80,"localHost":5})",
+              "Invalid argument"},
+        Fatal{"HostIsAName",
+              R"({"method":"new_session","session":"s","localPort":80,"localHost":"localhost"})",
+              "Invalid argument"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(TunnelClientTest, IntroducesItselfAndBeats) {
+    std::string verify;
+    std::vector<lab::Frame> beats;
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+                                   verify = lab::ReadControl(agent);
+                                   Say(agent, R"({"method":"anything"})");
+                                   for (int beat = 0; beat < 2; ++beat)
+                                       beats.push_back(lab::ReadFrame(agent));
+                                   HangUp(agent);
+                               }},
+                               logVerbose);
+    EXPECT_TRUE(std::regex_match(
+        verify,
+        std::regex(R"(\{"method":"verify","username":"user","message":"","deviceId":"device\\/1",)"
+                   R"("version":"1.0","timestamp":"\d{13}","noncestr":"\w{16}","sign":"[0-9A-F]{32}"\})")))
+        << verify;
+    for (const lab::Frame& beat : beats) {
+        EXPECT_EQ(beat.type, 1);
+        EXPECT_EQ(beat.session, "0000000000000000");
+        EXPECT_EQ(beat.payload, "");
+    }
+    const std::string sent = std::to_string(21 + verify.size());
+    const Lines expected = {
+        "[TunnelClient:107] Resolved server, connecting...",
+        "[TunnelClient:115] Connected to server, sending verification message...",
+        "[TunnelClient:392] Inside SendAsync, type 3, length " + std::to_string(verify.size()),
+        "[TunnelClient:162] Listening to tunnel server",
+        "[TunnelClient:415] Finished upload, length " + sent,
+        "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
+        "[TunnelClient:175] Header, type 3, len 113",
+        "[TunnelClient:214] Received message, type 3, length 113",
+        "[TunnelClient:270] Message signature verified",
+        "[TunnelClient:448] Sending heartbeat",
+        "[TunnelClient:162] Listening to tunnel server",
+        "[TunnelClient:392] Inside SendAsync, type 1, length 0",
+        "[TunnelClient:415] Finished upload, length 21",
+        "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
+        "[TunnelClient:448] Sending heartbeat",
+        "[TunnelClient:392] Inside SendAsync, type 1, length 0",
+        "[TunnelClient:415] Finished upload, length 21",
+        "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
+        "[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file",
+        closing,
+        "[TunnelClient:445] Stopping heartbeat messages",
+    };
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(Lines(log.begin() + 1, log.end()), expected);
+}
+
+TEST(TunnelClientTest, ServesThreeConnectionsAndReturns) {
+    support::LogCapture log(logInfo);
+    int served = 0;
+    const lab::Conversation serve = [&](lab::Connection& agent) {
+        Accept(agent);
+        HangUp(agent);
+        ++served;
+    };
+    lab::ScriptedServer server({serve, serve, serve, serve});
+    const TunnelConfig config = QuickConfig(server.Port());
+    TunnelClient(config, QuickDelays()).Run();
+    EXPECT_EQ(served, 3);
+    const std::string connecting =
+        "[TunnelClient:98] Connecting to tunnel server 127.0.0.1:" + std::to_string(server.Port());
+    const Lines connection = {"[TunnelClient:270] Message signature verified",
+                              "[TunnelClient:448] Sending heartbeat", welcome,
+                              "[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file",
+                              "[TunnelClient:445] Stopping heartbeat messages"};
+    Lines expected;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (attempt > 0) expected.push_back("[TunnelClient:50] Tunnel reconnecting...");
+        expected.push_back(connecting);
+        expected.insert(expected.end(), connection.begin(), connection.end());
+    }
+    expected.push_back("[TunnelClient:45] Too many reconnects, will restart discovery");
+    EXPECT_EQ(log.Lines(), expected);
+}
+
+TEST(TunnelClientTest, GivesUpOnAServerThatCannotBeResolved) {
+    support::LogCapture log(logError);
+    TunnelConfig config = QuickConfig(1);
+    config.serverHost = "not a host name";
+    TunnelClient(config, QuickDelays()).Run();
+    const Lines lines = log.Texts();
+    ASSERT_EQ(lines.size(), 6U);
+    EXPECT_THAT(lines[0], testing::StartsWith("Failed to resolve server: ("));
+    EXPECT_EQ(lines[1], "Tunnel reconnecting...");
+}
+
+// The figures that a device runs with; everywhere else tests shorten them.
+TEST(TunnelClientTest, KeepsItsDelays) {
+    const Delays delays;
+    EXPECT_EQ(delays.verificationLimit, 15s);
+    EXPECT_EQ(delays.tunnelClose, 5s);
+    EXPECT_EQ(delays.sessionClose, 5s);
+    EXPECT_EQ(delays.sessionRemoval, 5s);
+    EXPECT_EQ(delays.second, 1s);
+}
+
+}  // namespace
+}  // namespace nox::tunnel_client

@@ -1,0 +1,45 @@
+#include <gtest/gtest.h>
+
+#include "tunnel/TunnelMessage.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using namespace std::string_literals;
+
+struct Encoded {
+    const char* name;
+    TunnelMessage message;
+    std::string header;
+};
+class EncodesHeaders : public testing::TestWithParam<Encoded> {};
+
+TEST_P(EncodesHeaders, ByteForByte) {
+    const HeaderBytes bytes = EncodeHeader(GetParam().message);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), GetParam().header);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, EncodesHeaders,
+    testing::Values(
+        Encoded{"Heartbeat", TunnelMessage(1), "\x01\0\0\0\0"s + "0000000000000000"},
+        Encoded{
+            "ControlNeverCarriesAnId", {3, "abcdefghijklmnop", "{}"}, "\x03\0\0\0\x02"s + "0000000000000000"},
+        Encoded{
+            "Data", {0, "abcdefghijklmnop", std::string(16384, 'x')}, "\0\0\0\x40\0"s + "abcdefghijklmnop"},
+        Encoded{"ShortIdIsPadded", {0, "abc", "x"}, "\0\0\0\0\x01"s + "abc0000000000000"},
+        Encoded{"LongIdIsCut", {0, "abcdefghijklmnopq", "x"}, "\0\0\0\0\x01"s + "abcdefghijklmnop"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(TunnelMessageTest, DecodesUnsignedBigEndian) {
+    HeaderBytes bytes;
+    const std::string text = "\xFF\xFE\xDC\xBA\x98"s + "\0123456789\0abcd"s;
+    ASSERT_EQ(text.copy(bytes.data(), bytes.size()), bytes.size());
+    const FrameHeader header = DecodeHeader(bytes);
+    EXPECT_EQ(header.type, 255);
+    EXPECT_EQ(header.length, 0xFEDCBA98U);
+    EXPECT_EQ(std::string(header.session.begin(), header.session.end()), text.substr(5));
+}
+
+}  // namespace
+}  // namespace nox::tunnel_client

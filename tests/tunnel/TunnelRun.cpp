@@ -1,0 +1,80 @@
+#include "tests/tunnel/TunnelRun.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "tests/support/LogCapture.h"
+
+namespace support {
+
+using namespace nox::tunnel_client;
+using namespace std::chrono_literals;
+
+TunnelConfig QuickConfig(unsigned short port) {
+    TunnelConfig config;
+    config.username = "user";
+    config.password = password;
+    config.serverHost = "127.0.0.1";
+    config.serverPort = port;
+    config.deviceId = "device/1";
+    config.tunnelReconnectSeconds = 0;
+    config.tunnelHeartbeatSeconds = 30;
+    return config;
+}
+
+Delays QuickDelays() {
+    Delays delays;
+    delays.verificationLimit = 200ms;
+    delays.tunnelClose = 100ms;
+    delays.sessionClose = 100ms;
+    delays.sessionRemoval = 50ms;
+    delays.second = 10ms;
+    return delays;
+}
+
+std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations, std::int32_t level) {
+    LogCapture log(level);
+    lab::ScriptedServer server(std::move(conversations));
+    {
+        TunnelClient client(QuickConfig(server.Port()), QuickDelays());
+        client.Run();
+    }
+    server.Finish();
+    auto lines = log.Lines();
+    const auto refused = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("Failed to connect: (111)") != std::string::npos;
+    });
+    if (refused != lines.end())
+        lines.erase(refused - 2, lines.end());  // with "reconnecting" and "Connecting"
+    return lines;
+}
+
+void Accept(lab::Connection& agent) {
+    lab::ReadControl(agent);
+    Say(agent, R"({"method":"message","message":"welcome"})");
+}
+
+std::string HangUp(lab::Connection& agent) {
+    agent.ShutdownSend();
+    return agent.ReadToEnd();
+}
+
+void Say(lab::Connection& agent, const std::string& json) { lab::WriteControl(agent, password, json); }
+
+void NewSession(lab::Connection& agent, unsigned short port, const std::string& id) {
+    Say(agent, R"({"method":"new_session","session":")" + id + R"(","localHost":"127.0.0.1","localPort":)" +
+                   std::to_string(port) + "}");
+}
+
+std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,
+                                 const std::string& last) {
+    auto from = std::find(lines.begin(), lines.end(), first);
+    if (from != lines.end()) ++from;
+    return {from, std::find(from, lines.end(), last)};
+}
+
+std::size_t Count(const std::vector<std::string>& lines, const std::string& line) {
+    return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+}  // namespace support

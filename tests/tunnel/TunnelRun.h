@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lab/ScriptedPeers.h"
+#include "log/Log.h"
+#include "tunnel/TunnelClient.h"
+
+/// One Run of a TunnelClient against scripted tunnel servers.
+namespace support {
+
+inline const std::string password = "secret";
+inline const std::string sessionId = "session-00000001";
+
+/// Milliseconds instead of seconds; a heartbeat period of 300.
+nox::tunnel_client::TunnelConfig QuickConfig(unsigned short port);
+nox::tunnel_client::Delays QuickDelays();
+
+/// Runs against a server that plays one conversation for each connection; further connections are refused.
+/// @return the log, without the lines that the refused connections leave
+/// @throws what a conversation or the run throws
+std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations,
+                                   std::int32_t level = nox::tunnel_client::logInfo);
+
+/// The server's side: reads the verify message and answers with a signed "message".
+void Accept(lab::Connection& agent);
+/// Ends our half in order and waits until the agent has closed: everything sent before is read.
+/// @return what the agent still sent
+std::string HangUp(lab::Connection& agent);
+/// A signed control frame as bytes.
+void Say(lab::Connection& agent, const std::string& json);
+/// The signed "new_session" for the id above, or another, on 127.0.0.1.
+void NewSession(lab::Connection& agent, unsigned short port, const std::string& id = sessionId);
+
+/// The lines after `first` and before `last`.
+std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,
+                                 const std::string& last);
+std::size_t Count(const std::vector<std::string>& lines, const std::string& line);
+
+}  // namespace support

@@ -1,0 +1,234 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+
+#include "tests/tunnel/TunnelRun.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace support;
+using Lines = std::vector<std::string>;
+
+std::string RandomBytes(std::size_t size, unsigned seed) {
+    std::independent_bits_engine<std::mt19937, 8, unsigned> bytes(seed);
+    std::string text(size, '\0');
+    std::generate(text.begin(), text.end(), [&] { return static_cast<char>(bytes()); });
+    return text;
+}
+
+std::string OtherId(int number) { return "session-0000000" + std::to_string(number); }
+
+/// Everything the agent says until `ends` sessions are reported as disconnected: data by session, control in
+/// order.
+struct Heard {
+    std::map<std::string, std::string> data;
+    std::vector<std::string> control;
+};
+Heard Listen(lab::Connection& agent, int ends) {
+    Heard heard;
+    while (ends > 0) {
+        const lab::Frame frame = lab::ReadFrame(agent);
+        if (frame.type == 0) heard.data[frame.session] += frame.payload;
+        if (frame.type != 3) continue;
+        heard.control.push_back(frame.payload.substr(0, frame.payload.find(",\"timestamp\"")));
+        if (frame.payload.find("disconnect-session") != std::string::npos) --ends;
+    }
+    return heard;
+}
+
+TEST(TunnelSessionsTest, CarryMegabytesBothWaysSideBySide) {
+    constexpr int count = 4;
+    std::vector<std::string> down, up;
+    std::vector<std::string> arrived(count);
+    std::vector<std::unique_ptr<lab::ScriptedServer>> services;
+    for (int i = 0; i < count; ++i) {
+        down.push_back(RandomBytes(2000000, static_cast<unsigned>(i)));
+        up.push_back(RandomBytes(2000000, static_cast<unsigned>(100 + i)));
+        services.push_back(std::make_unique<lab::ScriptedServer>(
+            std::vector<lab::Conversation>{[&down, &up, &arrived, i](lab::Connection& peer) {
+                arrived[i] = peer.Read(down[i].size());
+                peer.Write(up[i]);
+            }}));
+    }
+    Heard heard;
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+        Accept(agent);
+        for (int i = 0; i < count; ++i) NewSession(agent, services[i]->Port(), OtherId(i));
+        std::mt19937 sizes(1);
+        std::vector<std::size_t> sent(count);
+        for (bool more = true; more;) {
+            more = false;
+            for (int i = 0; i < count; ++i) {
+                const std::string piece = down[i].substr(sent[i], sizes() % 131072 + 1);
+                sent[i] += piece.size();
+                if (!piece.empty()) lab::WriteFrame(agent, {0, OtherId(i), piece});
+                more = more || sent[i] < down[i].size();
+            }
+        }
+        heard = Listen(agent, count);
+        HangUp(agent);
+    }});
+    for (int i = 0; i < count; ++i) {
+        services[i]->Finish();
+        EXPECT_TRUE(arrived[i] == down[i]) << i;
+        EXPECT_TRUE(heard.data[OtherId(i)] == up[i]) << i;
+    }
+    EXPECT_EQ(heard.data.size(), static_cast<std::size_t>(count));
+    EXPECT_EQ(Count(log, "[TunnelClient:411]"), 0U);
+}
+
+TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
+    lab::ScriptedServer service(
+        {[](lab::Connection& peer) { EXPECT_EQ(peer.ReadToEnd(), "before, after"); }});
+    const auto log =
+        RunTunnel({[&](lab::Connection& agent) {
+                      Accept(agent);
+                      NewSession(agent, service.Port());
+                      EXPECT_THAT(lab::ReadControl(agent),
+                                  testing::StartsWith(R"({"method":"connected-session","session":")" +
+                                                      sessionId + R"(","timestamp":")"));
+                      lab::WriteFrame(agent, {0, sessionId, "before, "});
+                      Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})");
+                      lab::WriteFrame(agent, {0, sessionId, "after"});
+                      service.Finish();
+                      HangUp(agent);
+                  }},
+                  logDebug);
+    const auto tunnelLines = [&] {
+        Lines lines;
+        for (const auto& line : log) {
+            if (line.find(sessionId) != std::string::npos && line[1] == 'T') lines.push_back(line);
+        }
+        return lines;
+    }();
+    EXPECT_EQ(tunnelLines, (Lines{"[TunnelClient:305] New session (" + sessionId + ") to port " +
+                                      std::to_string(service.Port()),
+                                  "[TunnelClient:323] Session " + sessionId + " ended",
+                                  "[TunnelClient:362] Removing stopped session " + sessionId}));
+}
+
+TEST(TunnelSessionsTest, ReportAServiceThatRefuses) {
+    const unsigned short closed = lab::ScriptedServer({}).Port();
+    Heard heard;
+    const auto log =
+        RunTunnel({[&](lab::Connection& agent) {
+                      Accept(agent);
+                      Say(agent, R"({"method":"new_session","session":"s","localHost":"127.0.0.1",)"
+                                 R"("localPort":" )" +
+                                     std::to_string(closed) + R"(x"})");
+                      heard = Listen(agent, 1);
+                      HangUp(agent);
+                  }},
+                  logVerbose);
+    EXPECT_EQ(heard.control, (Lines{R"({"method":"connected-session","session":"s")",
+                                    R"({"method":"disconnect-session","session":"s")"}));
+    for (const char* line : {"[TunnelClient:309] Sending connected-session message for s",
+                             "[TunnelClient:348] Service connection failed: s",
+                             "[TunnelClient:354] Sending disconnect-session message for s",
+                             "[TunnelClient:362] Removing stopped session s"}) {
+        EXPECT_EQ(Count(log, line), 1U) << line;
+    }
+}
+
+TEST(TunnelSessionsTest, NeedAnIdOfSixteenCharactersForData) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Write(std::string(1000000, 'x'));
+        peer.ReadToEnd();
+    }});
+    std::size_t bytes = 0;
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+                                   Accept(agent);
+                                   NewSession(agent, service.Port(), "abc");
+                                   EXPECT_EQ(lab::ReadFrame(agent).type, 1);
+                                   EXPECT_EQ(lab::ReadFrame(agent).type, 3);
+                                   for (int chunk = 0; chunk < 20; ++chunk) {
+                                       const lab::Frame frame = lab::ReadFrame(agent);
+                                       EXPECT_EQ(frame.session, "abc0000000000000");
+                                       bytes += frame.payload.size();
+                                   }
+                                   HangUp(agent);
+                               }},
+                               logDebug);
+    EXPECT_LT(bytes, 20U * 16384U + 1U);
+    EXPECT_EQ(Count(log, "[TunnelClient:424] In SendAsync, session abc0000000000000 not found"), 20U);
+}
+
+// The earlier connection closes at once, without a message and without a trace in the later one.
+TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
+    lab::ScriptedServer first({[](lab::Connection& peer) {
+        peer.Write("first");
+        peer.ReadToEnd();
+    }});
+    lab::ScriptedServer second({[](lab::Connection& peer) {
+        EXPECT_EQ(peer.Read(3), "two");
+        peer.Write("second");
+    }});
+    Heard heard;
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+                                   Accept(agent);
+                                   NewSession(agent, first.Port());
+                                   for (lab::Frame frame; frame.type != 0 || frame.payload.empty();) {
+                                       frame = lab::ReadFrame(agent);
+                                   }
+                                   NewSession(agent, second.Port());
+                                   first.Finish();  // closed, although the server ended nothing
+                                   lab::WriteFrame(agent, {0, sessionId, "two"});
+                                   heard = Listen(agent, 1);
+                                   HangUp(agent);
+                               }},
+                               logVerbose);
+    EXPECT_EQ(heard.data, (std::map<std::string, std::string>{{sessionId, "second"}}));
+    EXPECT_EQ(heard.control.size(), 2U) << "one connected-session, one disconnect-session";
+    EXPECT_EQ(Count(log, "[TunnelClient:362] Removing stopped session " + sessionId), 1U);
+    EXPECT_EQ(Count(log, "[TunnelClient:366] Stopped session " + sessionId + " not found"), 0U);
+}
+
+TEST(TunnelSessionsTest, WaitForAServerThatDoesNotRead) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Write(std::string(30000000, 'x'));
+        peer.ReadToEnd();
+    }});
+    std::size_t bytes = 0;
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+                                   Accept(agent);
+                                   NewSession(agent, service.Port());
+                                   std::this_thread::sleep_for(100ms);
+                                   while (bytes < 30000000) bytes += lab::ReadFrame(agent).payload.size();
+                                   HangUp(agent);
+                               }},
+                               logDebug);
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& line) {
+        return line.find("pausing listening to service") != std::string::npos;
+    }));
+}
+
+// Once a write has failed nothing more is written: the end of the session stays in the queue.
+TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Write(std::string(30000000, 'x'));
+        peer.ReadToEnd();
+    }});
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+                                   Accept(agent);
+                                   NewSession(agent, service.Port());
+                                   agent.Read(1000000);
+                                   agent.Reset();
+                               }},
+                               logVerbose);
+    const auto failed = std::find_if(log.begin(), log.end(), [](const std::string& line) {
+        return line.rfind("[TunnelClient:411] TunnelClient::SendAsync: (", 0) == 0;
+    });
+    ASSERT_NE(failed, log.end());
+    EXPECT_EQ(std::count_if(failed, log.end(),
+                            [](const std::string& line) { return line.rfind("[TunnelClient:392]", 0) == 0; }),
+              0);
+    EXPECT_EQ(Count(log, "[TunnelClient:362] Removing stopped session " + sessionId), 1U);
+}
+
+}  // namespace
+}  // namespace nox::tunnel_client

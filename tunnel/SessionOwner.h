@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "tunnel/TunnelMessage.h"
+
+namespace nox::tunnel_client {
+
+/// What a ServiceConnection tells the one who owns it; the tunnel client in the agent. All calls come from
+/// the event loop's thread. A session id passed here belongs to the connection that calls.
+class SessionOwner {
+public:
+    /// Bytes read from the local service, as a data frame for the server.
+    virtual void QueueMessage(TunnelMessage message) = 0;
+    /// The connection to the local service could not be made.
+    virtual void ServiceConnectionFailed(const std::string& sessionId) = 0;
+    /// An established connection failed while reading or writing.
+    virtual void SendDisconnectSession(const std::string& sessionId) = 0;
+    /// The delayed shutdown is over; the owner may let go.
+    virtual void RemoveStoppedSession(const std::string& sessionId) = 0;
+
+protected:
+    ~SessionOwner() = default;
+};
+
+}  // namespace nox::tunnel_client

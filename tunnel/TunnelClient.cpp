@@ -1,0 +1,382 @@
+#include "tunnel/TunnelClient.h"
+
+#include <array>
+#include <thread>
+#include <utility>
+
+#include "log/Log.h"
+#include "tunnel/MessageSigning.h"
+
+namespace nox::tunnel_client {
+
+using asio::ip::tcp;
+
+TunnelClient::TunnelClient(const TunnelConfig& tunnelConfig, const Delays& fixedDelays)
+    : config(tunnelConfig), delays(fixedDelays) {}
+
+void TunnelClient::Run() {
+    for (int attempts = 1; !shutdown; ++attempts) {
+        Connect();
+        ioContext.run();
+        if (attempts == maxConnections) {
+            LogWrite("TunnelClient", 45, logError, "Too many reconnects, will restart discovery");
+            return;
+        }
+        ioContext.restart();
+        std::this_thread::sleep_for(Seconds(config.tunnelReconnectSeconds));
+        LogWrite("TunnelClient", 50, logError, "Tunnel reconnecting...");
+    }
+}
+
+// Configured seconds are widened without their sign: -1 is 4294967295 seconds, as it has always been.
+std::chrono::milliseconds TunnelClient::Seconds(std::int32_t count) const {
+    return static_cast<std::uint32_t>(count) * delays.second;
+}
+
+// ---- The connection
+
+void TunnelClient::Connect() {
+    verified = false;
+    stopping = false;
+    sendQueue.clear();
+    sessions.clear();
+    LogWrite("TunnelClient", 98, logInfo, "Connecting to tunnel server %s:%d", config.serverHost.c_str(),
+             config.serverPort);
+    resolver.async_resolve(config.serverHost, std::to_string(config.serverPort),
+                           tcp::resolver::address_configured, Handler(&TunnelClient::OnResolved));
+}
+
+void TunnelClient::OnResolved(std::error_code error, const tcp::resolver::results_type& endpoints) {
+    if (error) {
+        LogWrite("TunnelClient", 104, logError, "Failed to resolve server: (%d) %s", error.value(),
+                 error.message().c_str());
+        return;
+    }
+    LogWrite("TunnelClient", 107, logVerbose, "Resolved server, connecting...");
+    asio::async_connect(socket, endpoints, Handler(&TunnelClient::OnConnected));
+}
+
+void TunnelClient::OnConnected(std::error_code error, const tcp::endpoint&) {
+    if (error) {
+        LogWrite("TunnelClient", 112, logError, "Failed to connect: (%d) %s", error.value(),
+                 error.message().c_str());
+        return;
+    }
+    LogWrite("TunnelClient", 115, logVerbose, "Connected to server, sending verification message...");
+    // A small frame must not wait for the acknowledgement of the one before. Without the option it still
+    // works.
+    std::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    QueueMessage(TunnelMessage(controlFrame, "", BuildVerifyMessage()));
+    verificationTimer.expires_after(delays.verificationLimit);
+    verificationTimer.async_wait(Handler(&TunnelClient::OnVerificationTimer));
+    asio::post(ioContext, Handler(&TunnelClient::ListenToTunnelServer));
+}
+
+// Never cancelled: a connection lasts at least as long as this timer.
+void TunnelClient::OnVerificationTimer(std::error_code) {
+    if (verified) return;
+    LogWrite("TunnelClient", 122, logError, "Verification timeout");
+    Stop();
+}
+
+// Sending goes on until the socket closes, so that the ends of sessions still reach the server. The sessions
+// leave the table by themselves.
+void TunnelClient::Stop() {
+    if (stopping) return;
+    stopping = true;
+    closeTimer.expires_after(delays.tunnelClose);
+    closeTimer.async_wait(Handler(&TunnelClient::OnCloseDelayOver));
+    for (const auto& [id, session] : sessions) session->Stop();
+}
+
+// The read that was waiting now fails and says so in the log, as does a write.
+void TunnelClient::OnCloseDelayOver(std::error_code) {
+    LogWrite("TunnelClient", 147, logDebug, "Closing tunnel server socket after timer delay");
+    std::error_code ignored;  // nothing follows from a close that failed: the descriptor is gone either way
+    socket.close(ignored);
+}
+
+// ---- Receiving
+
+void TunnelClient::ListenToTunnelServer() {
+    if (stopping) return;
+    LogWrite("TunnelClient", 162, logVerbose, "Listening to tunnel server");
+    asio::async_read(socket, asio::buffer(headerBuffer), Handler(&TunnelClient::OnHeader));
+}
+
+void TunnelClient::OnHeader(std::error_code error, std::size_t) {
+    if (error) {
+        LogWrite("TunnelClient", 168, logError, "ListenToTunnelServer - read header: (%d) %s", error.value(),
+                 error.message().c_str());
+        return Stop();
+    }
+    const FrameHeader header = DecodeHeader(headerBuffer);
+    LogWrite("TunnelClient", 175, logVerbose, "Header, type %d, len %d", header.type,
+             static_cast<int>(header.length));
+    if (header.length > maxPayloadBytes) {
+        LogWrite("TunnelClient", 178, logError, "Tunnel message size too large: %d",
+                 static_cast<int>(header.length));
+        return Stop();
+    }
+    incoming.type = header.type;
+    incoming.session = header.session;
+    incoming.data.resize(header.length);
+    asio::async_read(socket, asio::buffer(incoming.data), Handler(&TunnelClient::OnPayload));
+}
+
+void TunnelClient::OnPayload(std::error_code error, std::size_t size) {
+    if (error) {
+        LogWrite("TunnelClient", 193, logError, "ListenToTunnelServer - read data: (%d) %s", error.value(),
+                 error.message().c_str());
+        return Stop();
+    }
+    if (size != incoming.data.size()) {
+        LogWrite("TunnelClient", 198, logError, "ListenToTunnelServer - read data: expected %d, got %d",
+                 static_cast<int>(incoming.data.size()), static_cast<int>(size));
+        return Stop();
+    }
+    HandleMessage();
+}
+
+void TunnelClient::HandleMessage() {
+    LogWrite("TunnelClient", 214, logVerbose, "Received message, type %d, length %d", incoming.type,
+             static_cast<int>(incoming.data.size()));
+    switch (incoming.type) {
+        case dataFrame: HandleData(); break;
+        case heartbeatFrame:
+        case unusedFrame: break;
+        case controlFrame: HandleControlMessage(); break;
+        default: LogWrite("TunnelClient", 238, logError, "Unknown message type %d", incoming.type);
+    }
+    ListenToTunnelServer();
+}
+
+// All 16 characters count: an id that the server did not give 16 characters has no data here.
+void TunnelClient::HandleData() {
+    if (incoming.data.empty()) return;
+    const auto session = sessions.find(incoming.SessionId());
+    if (session != sessions.end()) return session->second->QueueData(std::move(incoming.data));
+    LogWrite("TunnelClient", 224, logError, "Received data for unknown session %s",
+             std::string(incoming.SessionId()).c_str());
+}
+
+// A message that cannot be read costs the server that message, not the connection. Only the JSON library's
+// own complaints count as that: what the numbers and addresses of a new session throw ends the run.
+void TunnelClient::HandleControlMessage() {
+    try {
+        ActOn(json::jobject::parse(incoming.data));
+    } catch (const json::parsing_error& error) {
+        LogWrite("TunnelClient", 337, logError, "Failed to parse server message: %s", error.what());
+    } catch (const json::invalid_key& error) {
+        LogWrite("TunnelClient", 341, logError, "Invalid JSON key: %s", error.what());
+    }
+}
+
+void TunnelClient::ActOn(const json::jobject& message) {
+    if (!message.has_key("method") || !message["method"].is_string()) {
+        LogWrite("TunnelClient", 251, logError, "Missing method in server message");
+        return;
+    }
+    if (!Verify(message)) return;
+    if (!verified) {
+        LogWrite("TunnelClient", 270, logInfo, "Message signature verified");
+        verified = true;
+        SendHeartbeat();
+    }
+    const std::string method = message["method"].as_string();
+    if (method == "message") {
+        HandleServerText(message);
+    } else if (method == "new_session") {
+        HandleNewSession(message);
+    } else if (method == "end_session") {
+        HandleEndSession(message);
+    } else if (method == "conflict") {
+        // Only said: which of the two connections has to go is the server's business.
+        LogWrite("TunnelClient", 332, logInfo,
+                 "Device was already connected to server, disconnecting other client");
+    }
+}
+
+bool TunnelClient::Verify(const json::jobject& message) {
+    if (!message.has_key("sign") || !message["sign"].is_string()) {
+        LogWrite("TunnelClient", 266, logError, "Missing sign: in server message");
+        return false;
+    }
+    const std::string received = message["sign"].as_string();
+    const std::string expected = ComputeSign(config.password, message);
+    if (received == expected) return true;
+    LogWrite("TunnelClient", 259, logDebug, "Message signature mismatch: %s, %s", received.c_str(),
+             expected.c_str());
+    LogWrite("TunnelClient", 260, logError, "Failed to verify server message");
+    Stop();
+    return false;
+}
+
+void TunnelClient::HandleServerText(const json::jobject& message) {
+    if (!message.has_key("message")) {
+        LogWrite("TunnelClient", 279, logWarning, "Missing \"message\" field");
+    } else if (message["message"].is_string()) {
+        LogWrite("TunnelClient", 283, logInfo, "Tunnel server message: %s",
+                 message["message"].as_string().c_str());
+    }
+}
+
+void TunnelClient::HandleNewSession(const json::jobject& message) {
+    const bool complete = message.has_key("session") && message.has_key("localPort") &&
+                          message["session"].is_string() &&
+                          (message["localPort"].is_number() || message["localPort"].is_string());
+    if (!complete) {
+        LogWrite("TunnelClient", 289, logError, "Incomplete new_session request: %s", incoming.data.c_str());
+        return;
+    }
+    const std::int32_t port = std::stoi(message["localPort"].as_string());
+    const bool namesHost = message.has_key("localHost") && message["localHost"].is_string();
+    // Names are not looked up, so no session can be opened to the default: a server has to name the address
+    // in numbers, and one that does not ends the run. Kept on purpose; do not put an address in its place.
+    const std::string host = namesHost ? message["localHost"].as_string() : "localhost";
+    OpenSession(message["session"].as_string(), host, port);
+}
+
+void TunnelClient::HandleEndSession(const json::jobject& message) {
+    if (message.has_key("session") && message["session"].is_string()) {
+        return EndSession(message["session"].as_string());
+    }
+    LogWrite("TunnelClient", 318, logError, "Incomplete end_session request: %s", incoming.data.c_str());
+}
+
+// ---- Sessions
+
+// The server hears "connected-session" before the service was tried; a service that refuses is reported
+// afterwards. An id that is in use gets a new connection: the old one closes without a word.
+void TunnelClient::OpenSession(const std::string& sessionId, const std::string& host, std::int32_t port) {
+    LogWrite("TunnelClient", 305, logDebug, "New session (%s) to port %d", sessionId.c_str(), port);
+    const auto session =
+        std::make_shared<ServiceConnection>(SessionParams{sessionId, host, port}, this, ioContext, delays);
+    sessions[sessionId] = session;
+    LogWrite("TunnelClient", 309, logVerbose, "Sending connected-session message for %s", sessionId.c_str());
+    QueueMessage(TunnelMessage(controlFrame, "", BuildConnectedSessionMessage(sessionId)));
+    session->Connect();
+}
+
+void TunnelClient::EndSession(const std::string& sessionId) {
+    const auto session = sessions.find(sessionId);
+    if (session == sessions.end()) {
+        LogWrite("TunnelClient", 328, logDebug, "Session %s not found", sessionId.c_str());
+        return;
+    }
+    LogWrite("TunnelClient", 323, logDebug, "Session %s ended", sessionId.c_str());
+    session->second->Stop();
+}
+
+void TunnelClient::ServiceConnectionFailed(const std::string& sessionId) {
+    LogWrite("TunnelClient", 348, logVerbose, "Service connection failed: %s", sessionId.c_str());
+    SendDisconnectSession(sessionId);
+}
+
+void TunnelClient::SendDisconnectSession(const std::string& sessionId) {
+    LogWrite("TunnelClient", 354, logVerbose, "Sending disconnect-session message for %s", sessionId.c_str());
+    QueueMessage(TunnelMessage(controlFrame, "", BuildDisconnectSessionMessage(sessionId)));
+}
+
+void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
+    const auto session = sessions.find(sessionId);
+    if (session == sessions.end()) {
+        LogWrite("TunnelClient", 366, logError, "Stopped session %s not found", sessionId.c_str());
+        return;
+    }
+    LogWrite("TunnelClient", 362, logDebug, "Removing stopped session %s", sessionId.c_str());
+    sessions.erase(session);
+}
+
+// ---- Sending
+
+std::string TunnelClient::BuildVerifyMessage() const {
+    json::jobject message;
+    message["method"] = "verify";
+    message["username"] = config.username;
+    message["message"] = "";
+    message["deviceId"] = config.deviceId;
+    message["version"] = "1.0";
+    SignMessage(config.password, message);
+    return message.as_string();
+}
+
+std::string TunnelClient::BuildConnectedSessionMessage(const std::string& sessionId) const {
+    return BuildSessionMessage("connected-session", sessionId);
+}
+
+std::string TunnelClient::BuildDisconnectSessionMessage(const std::string& sessionId) const {
+    return BuildSessionMessage("disconnect-session", sessionId);
+}
+
+std::string TunnelClient::BuildSessionMessage(const char* method, const std::string& sessionId) const {
+    json::jobject message;
+    message["method"] = method;
+    message["session"] = sessionId;
+    SignMessage(config.password, message);
+    return message.as_string();
+}
+
+// Whatever state the connection is in: until its socket closes, what is queued is written.
+void TunnelClient::QueueMessage(TunnelMessage message) {
+    sendQueue.push_back(std::move(message));
+    if (sendQueue.size() == 1) asio::post(ioContext, Handler(&TunnelClient::SendAsync));
+}
+
+void TunnelClient::SendAsync() {
+    const TunnelMessage& outgoing = sendQueue.front();
+    LogWrite("TunnelClient", 392, logVerbose, "Inside SendAsync, type %d, length %d", outgoing.type,
+             static_cast<int>(outgoing.data.size()));
+    outgoingHeader = EncodeHeader(outgoing);
+    const std::array<asio::const_buffer, 2> frame = {asio::buffer(outgoingHeader),
+                                                     asio::buffer(outgoing.data)};
+    asio::async_write(socket, frame, Handler(&TunnelClient::OnSent));
+}
+
+// After an error the front stays, and with it the queue stands still until the next connection empties it.
+void TunnelClient::OnSent(std::error_code error, std::size_t size) {
+    if (error) {
+        LogWrite("TunnelClient", 411, logError, "TunnelClient::SendAsync: (%d) %s", error.value(),
+                 error.message().c_str());
+        return Stop();
+    }
+    LogWrite("TunnelClient", 415, logVerbose, "Finished upload, length %d", static_cast<int>(size));
+    const TunnelMessage& outgoing = sendQueue.front();
+    if (outgoing.type == dataFrame) ReportUpload(outgoing.SessionId());
+    sendQueue.pop_front();
+    if (sendQueue.empty()) {
+        LogWrite("TunnelClient", 436, logVerbose, "skipping SendAsync, sendQueue is empty");
+    } else {
+        asio::post(ioContext, Handler(&TunnelClient::SendAsync));
+    }
+}
+
+// By the id on the wire, whoever holds it now: a session with another length of id is never told, and pauses
+// for good.
+void TunnelClient::ReportUpload(std::string_view sessionId) {
+    const auto session = sessions.find(sessionId);
+    if (session != sessions.end()) return session->second->UploadFinished();
+    LogWrite("TunnelClient", 424, logDebug, "In SendAsync, session %s not found",
+             std::string(sessionId).c_str());
+}
+
+void TunnelClient::SendHeartbeat() {
+    if (shutdown || stopping || !verified) {
+        LogWrite("TunnelClient", 445, logInfo, "Stopping heartbeat messages");
+        return;
+    }
+    LogWrite("TunnelClient", 448, logInfo, "Sending heartbeat");
+    QueueMessage(TunnelMessage(heartbeatFrame));
+    heartbeatTimer.expires_after(Seconds(config.tunnelHeartbeatSeconds));
+    heartbeatTimer.async_wait(Handler(&TunnelClient::OnHeartbeatTimer));
+}
+
+void TunnelClient::OnHeartbeatTimer(std::error_code error) {
+    if (!error) return SendHeartbeat();
+    LogWrite("TunnelClient", 455, logError, "Heartbeat timer error: (%d) %s", error.value(),
+             error.message().c_str());
+    Stop();
+}
+
+}  // namespace nox::tunnel_client
