@@ -48,8 +48,8 @@ std::string DateText() {
 
 std::string NewFileName() {
     const std::tm now = LocalTime();
-    std::array<char, 80> date{};
-    std::snprintf(date.data(), date.size(), "-%d-%02d-%02d-%02d-%02d-%02d.log", now.tm_year + 1900,
+    std::array<char, 100> date{};
+    std::snprintf(date.data(), date.size(), "-%lld-%02d-%02d-%02d-%02d-%02d.log", 1900LL + now.tm_year,
                   now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
     return std::string(logger.basePath) + date.data();
 }
