@@ -2,16 +2,16 @@
 
 #include <cstddef>
 #include <exception>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "json/reader.h"
+#include "json/text.h"
 
-/// JSON documents whose values stay text. A jobject is an ordered list of members, each a key and the value's JSON
-/// text exactly as it came (white space between tokens apart); a value is converted only when it is read. So what was
-/// parsed is written again byte for byte, in the same order, which signatures depend on.
+/// JSON documents whose values stay text. A jobject is an ordered list of members, each a key and the value's
+/// JSON text exactly as it came (white space between tokens apart); a value is converted only when it is
+/// read. So what was parsed is written again byte for byte, in the same order, which signatures depend on.
 ///
 /// Values are used by one thread at a time; the library keeps no state and never logs.
 namespace json {
@@ -26,8 +26,13 @@ private:
     std::string key;
 };
 
-/// A JSON object, or an array when made or parsed as one; in an array every key is empty and only values count.
-/// Parsing and writing do not recurse: nesting is bounded by memory alone.
+// Accessors live where they are used and are never deleted through a base: only their ref() is virtual.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+// NOLINTBEGIN(cppcoreguidelines-virtual-class-destructor)
+
+/// A JSON object, or an array when made or parsed as one; in an array every key is empty and only values
+/// count. Nothing here recurses: nesting is bounded by memory alone.
 class jobject {
 public:
     class entry;
@@ -52,8 +57,10 @@ public:
     const_value at(std::size_t index) const;
 
     /// Reads one object or array from the front of `text`; what follows its closing bracket is ignored, as is
-    /// everything from a NUL on. A comma before that closing bracket is accepted (nested values do not accept it).
-    /// @throws parsing_error "Input is not a valid object", "Key conflict" or "Missing key", whichever comes first
+    /// everything from a NUL on. A comma right before that bracket is accepted, though not inside nested
+    /// values.
+    /// @throws parsing_error with the first of "Input is not a valid object", "Key conflict" and "Missing
+    /// key"
     static jobject parse(const std::string& text) { return parse(text.c_str()); }
     static jobject parse(const char* text);
 
@@ -67,16 +74,20 @@ public:
     void remove(const std::string& key);
     std::vector<std::string> list_keys() const;  ///< in stored order; none for an array
 
-    /// The compact text: {"key":value,...} or [value,...], keys escaped, values as stored, no white space added.
+    /// The compact text: {"key":value,...} or [value,...], keys escaped, values as stored, no white space.
     std::string as_string() const;
     explicit operator std::string() const { return as_string(); }
 
-    /// The indented text, `indent_level` tabs deep. Keys are not escaped.
-    /// @throws parsing_error when a nested value cannot be read back (see parse)
+    /// The indented text, `indent_level` tabs deep, for people: keys are not escaped, and the tabs of deeply
+    /// nested values take space quadratic in their depth.
+    /// @throws parsing_error when a nested value is no object or array that parse() would read
     std::string pretty(unsigned indent_level = 0) const;
 
 private:
     using member = std::pair<std::string, std::string>;  // key, value text
+
+    const char* read_members(const char* at);
+    bool has_key_conflict() const;
     const std::string* find(const std::string& key) const;
 
     std::vector<member> data;
@@ -86,24 +97,27 @@ private:
 /// A value's text and the ways to read it. A number whose text does not match its format reads as 0.
 class jobject::entry {
 public:
-    virtual ~entry() = default;
+    /// The value's JSON text as it is stored.
+    virtual const std::string& ref() const = 0;
 
-    std::string as_string() const;      ///< a JSON string decoded; any other value as its JSON text
+    std::string as_string() const;  ///< a JSON string decoded; any other value as its JSON text
     operator std::string() const { return as_string(); }
-    operator jobject() const;           ///< @throws parsing_error unless the value is an object or an array
-    explicit operator bool() const;     ///< true only for the JSON boolean true
+    operator jobject() const { return parse(ref()); }  ///< @throws parsing_error, see parse
+    explicit operator bool() const;                    ///< true only for the JSON boolean true
 
-    explicit operator int() const;      ///< sscanf "%i": also octal and hexadecimal
+    explicit operator int() const;  ///< sscanf "%i": also octal and hexadecimal
     explicit operator unsigned() const;
     explicit operator long() const;
     explicit operator unsigned long() const;
-    explicit operator char() const;
+    explicit operator char() const;  ///< the text's first character
     explicit operator float() const;
     explicit operator double() const;
+    /// The elements of an array, each read as that type of number, one of the above.
     /// @throws parsing_error unless the value is an array (see parse_array)
     template <typename Number>
     explicit operator std::vector<Number>() const;
 
+    // These throw parsing_error "Input was only whitespace" of a member that was set() to an empty text.
     bool is_string() const { return type_is(jtype::jstring); }
     bool is_number() const { return type_is(jtype::jnumber); }
     bool is_bool() const { return type_is(jtype::jbool); }
@@ -111,8 +125,58 @@ public:
     bool is_array() const { return type_is(jtype::jarray); }
 
 protected:
-    virtual const std::string& ref() const = 0;
+    ~entry() = default;
 
 private:
     bool type_is(jtype wanted) const;
 };
+
+/// A value that stands on its own.
+class jobject::const_value final : public entry {
+public:
+    explicit const_value(std::string value) : text(std::move(value)) {}
+    const std::string& ref() const override { return text; }
+
+private:
+    std::string text;
+};
+
+/// A member of an object, looked up each time it is read.
+class jobject::const_proxy : public entry {
+public:
+    /// @throws std::logic_error "Source cannot be an array"
+    const_proxy(const jobject& from, std::string name);
+    /// @throws invalid_key when the object has no such member
+    const std::string& ref() const override;
+
+protected:
+    const jobject& source;
+    const std::string key;
+};
+
+/// A member that can be assigned to, whether it exists yet or not. Strings are taken up to their first NUL.
+class jobject::proxy final : public const_proxy {
+public:
+    proxy(jobject& object, std::string name) : const_proxy(object, std::move(name)), sink(object) {}
+
+    void operator=(const std::string& text) { sink.set(key, encode_string(text.c_str())); }
+    void operator=(const char* text) { sink.set(key, encode_string(text)); }
+    void operator=(const jobject& value) { sink.set(key, value.as_string()); }
+    void operator=(bool) = delete;  // would be written as a number: set() takes true and false as texts
+    void operator=(int number);
+    void operator=(unsigned number);
+    void operator=(long number);
+    void operator=(unsigned long number);
+    void operator=(char character);  ///< the bare character: a digit, to make a number
+    void operator=(float number);
+    void operator=(double number);
+    /// An array of those texts, either as JSON strings (`quote`) or as the JSON texts that they are.
+    void set_array(const std::vector<std::string>& elements, bool quote);
+
+private:
+    jobject& sink;
+};
+// NOLINTEND(cppcoreguidelines-virtual-class-destructor)
+#pragma GCC diagnostic pop
+
+}  // namespace json

@@ -1,0 +1,96 @@
+#include "json/text.h"
+
+#include <cstring>
+#include <utility>
+
+namespace json {
+
+namespace {
+
+// Of each pair, the byte and the letter that stands for it behind a backslash. The solidus is always escaped,
+// though reader refuses that: deliberately, what is sent and signed has always been so.
+constexpr struct {
+    char plain, letter;
+} escapes[] = {{'"', '"'},  {'\\', '\\'}, {'/', '/'},  {'\b', 'b'},
+               {'\f', 'f'}, {'\n', 'n'},  {'\r', 'r'}, {'\t', 't'}};
+
+/// @return 0 for a byte that is not escaped
+char letter_for(char plain) {
+    for (const auto& known : escapes)
+        if (known.plain == plain) return known.letter;
+    return '\0';
+}
+
+char plain_for(char letter) {
+    for (const auto& known : escapes)
+        if (known.letter == letter) return known.plain;
+    throw parsing_error("Expected control character");
+}
+
+// Behind \u: four characters further, whatever they are, but never beyond the end.
+const char* skip_code_point(const char* digits) { return digits + strnlen(digits, 4); }
+
+}  // namespace
+
+const char* skip_whitespace(const char* text) {
+    while (is_space(*text)) ++text;
+    return text;
+}
+
+ParseResult parse_value(const char* text) {
+    const char* at = skip_whitespace(text);
+    if (*at == '\0') throw parsing_error("Input was only whitespace");
+    reader input;
+    // The end is looked for here: inside a string the reader would take the NUL like any other character.
+    while (*at != '\0' && input.push(*at) != reader::REJECTED) ++at;
+    if (!input.is_valid()) return {jtype::not_valid, {}, at};
+    const jtype type = input.type();
+    return {type, std::move(static_cast<std::string&>(input)), at};
+}
+
+std::string decode_string(const char* literal) {
+    if (*literal != '"') throw parsing_error("Expecting opening quote");
+    std::string text;
+    const char* at = literal + 1;
+    while (*at != '\0' && *at != '"') {
+        if (*at != '\\') {
+            text += *at++;
+        } else if (at[1] == 'u') {
+            at = skip_code_point(at + 2);
+        } else {
+            text += plain_for(at[1]);
+            at += 2;
+        }
+    }
+    return text;
+}
+
+std::string encode_string(const char* text) {
+    std::string literal = "\"";
+    for (; *text != '\0'; ++text) {
+        const char letter = letter_for(*text);
+        if (letter != '\0') literal += '\\';
+        literal += letter != '\0' ? letter : *text;
+    }
+    return literal += '"';
+}
+
+std::vector<std::string> parse_array(const char* text) {
+    const char* at = skip_whitespace(text);
+    if (*at != '[') throw parsing_error("Input was not an array");
+    at = skip_whitespace(at + 1);
+    std::vector<std::string> elements;
+    if (*at == ']') return elements;
+    for (;; ++at) {
+        ParseResult element = parse_value(at);
+        if (element.type == jtype::not_valid) throw parsing_error("Input was not properly formated");
+        if (element.type == jtype::jstring) element.value = decode_string(element.value.c_str());
+        elements.push_back(std::move(element.value));
+        at = skip_whitespace(element.remainder);
+        if (*at != ',') break;
+    }
+    if (*at != ']') throw parsing_error("Input was not properly formated");
+    return elements;
+}
+
+}  // namespace json
