@@ -41,7 +41,8 @@ declare -A pids=()
 start() {
     local name=$1
     shift
-    "$@" >"$work/$name.log" 2>&1 </dev/null &
+    : >"$work/$name.log"
+    "$@" >>"$work/$name.log" 2>&1 </dev/null &
     pids[$name]=$!
 }
 
@@ -176,7 +177,7 @@ fetch_and_compare() {
 measure() {
     fetch "http://$tunnel_address/random.bin?[1-8]" /dev/null |
         awk '{ bytes += $1; seconds += $2 }
-             END { printf "    %d MiB in %.2f s: %.0f MiB/s\n", bytes / 1048576, seconds, bytes / seconds / 1048576 }'
+             END { if (seconds > 0) printf "    %d MiB in %.2f s: %.0f MiB/s\n", bytes / 1048576, seconds, bytes / seconds / 1048576 }'
     say "agent's memory, after:   $(agent_memory)"
 }
 
