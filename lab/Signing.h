@@ -1,24 +1,11 @@
 #pragma once
 
 #include <string>
-#include <utility>
-#include <vector>
 
 /// Signatures of control messages: MD5 over the password, every member but "sign" in the byte order of the
 /// names (name, then value), and the password again; nothing stands between the pieces. A string counts
 /// decoded, any other value as its JSON text without white space, exactly as the sender wrote it.
-///
-/// All of it works on JSON text, because a parsed number would not remember how it was written.
 namespace lab {
-
-/// A member of an object: decoded name, JSON text of the value without the white space between its tokens.
-using Member = std::pair<std::string, std::string>;
-/// The members in the order of the text. Nesting costs no stack.
-/// @throws std::invalid_argument unless `object` is the text of one JSON object
-std::vector<Member> Members(const std::string& object);
-
-/// The text of a string value, decoded; of any other value its JSON text.
-std::string TextOf(const std::string& value);
 
 std::string Md5HexUpper(const std::string& text);
 

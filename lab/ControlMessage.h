@@ -1,0 +1,33 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "lab/Members.h"
+
+namespace lab {
+
+/// A control message as it came.
+class ControlMessage {
+public:
+    /// @throws std::invalid_argument unless `json` is an object of at most maxControlBytes
+    explicit ControlMessage(std::string json);
+
+    /// The decoded text of a member; "" when it is missing or no string.
+    std::string Text(const std::string& name) const { return TextMember(members, name); }
+    bool IsSignedWith(const std::string& password) const;
+
+private:
+    std::string text;
+    std::vector<Member> members;
+};
+
+/// What the tunnel server says, not yet signed. None of it needs a \u escape or escapes a solidus, as long as
+/// the ids and texts have no control characters: devices do not read those.
+std::string Welcome(const std::string& text);
+std::string NewSession(const std::string& id, unsigned short remotePort);
+std::string EndSession(const std::string& id);
+std::string Conflict();
+
+}  // namespace lab

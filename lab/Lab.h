@@ -1,0 +1,52 @@
+#pragma once
+
+#include <asio.hpp>
+#include <memory>
+#include <string>
+
+#include "lab/Directory.h"
+#include "lab/Registration.h"
+#include "lab/RegistrationApi.h"
+#include "lab/Report.h"
+#include "lab/RouteTable.h"
+#include "lab/Settings.h"
+#include "lab/SsoService.h"
+#include "lab/TunnelServer.h"
+
+namespace lab {
+
+/// The whole cloud: what a device needs to register and to be reached, and the local ports that lead to its
+/// services.
+class Lab {
+public:
+    struct Identity {
+        std::string certificateId = "lab-device-1";  ///< for devices without an id of their own
+        std::string apiVersion = "2.1.0";
+    };
+
+    /// Listens at once; `loop` makes it live.
+    /// @throws std::system_error when a port cannot be had, naming it
+    Lab(asio::io_context& loop, Ports wantedPorts, Timings delays, const Identity& identity,
+        Report::Sink sink);
+
+    /// Closes everything; then `loop` runs out of work.
+    void Stop();
+
+    Report& Events() { return report; }
+    unsigned short SsoPort() const { return sso->Port(); }
+    unsigned short ApiPort() const { return api.Port(); }
+    unsigned short TunnelPort() const { return tunnel.Port(); }
+
+private:
+    Ports ports;
+    Timings timings;
+    Report report;
+    Directory directory;
+    TunnelServer tunnel;
+    RouteTable routes;
+    Registration registration;
+    RegistrationApi api;
+    std::unique_ptr<SsoService> sso;
+};
+
+}  // namespace lab

@@ -1,0 +1,69 @@
+#include "lab/Members.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string_view>
+
+namespace lab {
+
+namespace {
+
+/// Cuts a text that is known to be a JSON object into its members: one pass that only counts brackets.
+class Splitter {
+public:
+    std::vector<Member> Split(const std::string& object) {
+        for (const char c : object) inString ? InString(c) : Between(c);
+        return std::move(members);
+    }
+
+private:
+    void InString(char c) {
+        token += c;
+        if (!escaped && c == '"') inString = false;
+        escaped = !escaped && c == '\\';
+    }
+
+    void Between(char c) {
+        if (std::string_view(" \t\r\n").find(c) != std::string_view::npos) return;
+        const bool opens = c == '{' || c == '[';
+        const bool closes = c == '}' || c == ']';
+        inString = c == '"';
+        if (closes) --depth;
+        if (depth == 1 && c == ':') {
+            name = TextOf(std::exchange(token, {}));
+        } else if ((depth == 1 && c == ',') || depth == 0) {
+            if (!token.empty()) members.emplace_back(std::move(name), std::exchange(token, {}));
+        } else {
+            token += c;
+        }
+        if (opens) ++depth;
+    }
+
+    std::vector<Member> members;
+    std::string name, token;
+    int depth = 0;
+    bool inString = false, escaped = false;
+};
+
+}  // namespace
+
+std::vector<Member> Members(const std::string& object) {
+    const auto start = object.find_first_not_of(" \t\r\n");
+    if (start == std::string::npos || object[start] != '{' || !nlohmann::json::accept(object))
+        throw std::invalid_argument("not a JSON object");
+    return Splitter().Split(object);
+}
+
+std::string TextOf(const std::string& value) {
+    return value.front() == '"' ? nlohmann::json::parse(value).get<std::string>() : value;
+}
+
+std::string TextMember(const std::vector<Member>& members, const std::string& name) {
+    const auto isIt = [&](const Member& member) { return member.first == name; };
+    const auto found = std::find_if(members.begin(), members.end(), isIt);
+    const bool isText = found != members.end() && found->second.front() == '"';
+    return isText ? TextOf(found->second) : "";
+}
+
+}  // namespace lab

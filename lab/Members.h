@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+/// JSON objects taken apart, but their values left as text: a parsed number would not remember how it was
+/// written, and signatures depend on that.
+namespace lab {
+
+/// Decoded name, and the value's JSON text without the white space between its tokens.
+using Member = std::pair<std::string, std::string>;
+
+/// The members in the order of the text. Nesting costs no stack.
+/// @throws std::invalid_argument unless `object` is the text of one JSON object
+std::vector<Member> Members(const std::string& object);
+
+/// The text of a string value, decoded; of any other value its JSON text.
+std::string TextOf(const std::string& value);
+
+/// The decoded text of the first member of that name; "" when there is none or it is no string.
+std::string TextMember(const std::vector<Member>& members, const std::string& name);
+
+}  // namespace lab

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <asio.hpp>
+#include <memory>
+#include <thread>
+
+#include "lab/Registration.h"
+#include "lab/Settings.h"
+
+namespace lab {
+
+/// The registration API's HTTP side. It has threads of its own, which only speak HTTP: every request is
+/// handled on the event loop, so that nothing else in the lab needs a lock. The loop stays busy until the
+/// last thread has ended.
+class RegistrationApi {
+public:
+    /// Serves at once. @param handler called on `io` @throws std::system_error when the port cannot be had
+    RegistrationApi(asio::io_context& io, const Ports& ports, Registration& handler);
+    /// Stops, then waits for the threads.
+    ~RegistrationApi();
+    RegistrationApi(const RegistrationApi&) = delete;
+    RegistrationApi& operator=(const RegistrationApi&) = delete;
+
+    unsigned short Port() const { return port; }
+    /// Returns at once; a request being handled comes to its end.
+    void Stop();
+
+private:
+    struct Http;
+    unsigned short Bind(asio::io_context& io, const Ports& ports);
+
+    std::unique_ptr<Http> http;
+    unsigned short port = 0;
+    std::thread thread;
+};
+
+}  // namespace lab

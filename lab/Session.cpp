@@ -1,0 +1,203 @@
+#include "lab/Session.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "lab/Frame.h"
+#include "lab/Weakly.h"
+
+namespace lab {
+
+using asio::ip::tcp;
+
+Session::Session(std::string sessionId, const Route& sessionRoute, tcp::socket client, DeviceLink& deviceLink,
+                 const Timings& labTimings, Report& reportOfLab)
+    : id(std::move(sessionId)),
+      route(sessionRoute),
+      socket(std::move(client)),
+      quietTimer(socket.get_executor()),
+      stallTimer(socket.get_executor()),
+      link(deviceLink),
+      timings(labTimings),
+      report(reportOfLab) {}
+
+void Session::Start() {
+    ++report.counters.sessions;
+    ++report.counters.opened;
+    report.Event("session " + id + " " + Word(route.deviceId) + " " + Word(route.service) + " opened");
+    socket.non_blocking(true);
+    ReadMore();
+}
+
+// We wait for bytes without a buffer: a thousand idle clients cost nothing, and busy ones read straight into
+// the frames that go to the device. Once the session is not open any more, what the client sends is read and
+// dropped, or it might never get to read what we still have for it.
+void Session::ReadMore() {
+    if (reading || clientDone || state == State::Closed) return;
+    if (state == State::Open && !link.HasRoom()) return link.WaitForRoom(shared_from_this());
+    reading = true;
+    socket.async_wait(tcp::socket::wait_read, Weakly(this, &Session::OnReadable));
+}
+
+void Session::OnReadable(std::error_code error) {
+    reading = false;
+    if (clientDone || state == State::Closed) return;
+    if (state == State::Open && !link.HasRoom()) return link.WaitForRoom(shared_from_this());
+    if (!error) error = ReadFrame();
+    if (error == asio::error::eof) return OnClientDone();
+    if (error && error != asio::error::would_block) return LoseClient("client");
+    ReadMore();
+}
+
+std::error_code Session::ReadFrame() {
+    std::error_code error;
+    char* frame = link.Frames().Reserve(frameHeaderBytes + maxPayloadBytes);
+    const auto size = socket.read_some(asio::buffer(frame + frameHeaderBytes, maxPayloadBytes), error);
+    if (size == 0 || state != State::Open) return error;
+    const auto header = EncodeHeader(dataFrame, size, id);
+    std::copy(header.begin(), header.end(), frame);
+    link.Frames().Commit(frameHeaderBytes + size);
+    link.Flush();
+    sentToDevice += size;
+    report.counters.toDevice += size;
+    return error;
+}
+
+void Session::OnClientDone() {
+    clientDone = true;
+    if (state == State::Open) return End(State::Ending, "client");
+    if (state == State::Draining) Close();
+}
+
+void Session::LoseClient(const char* who) {
+    clientDone = true;
+    std::error_code ignored;
+    socket.close(ignored);
+    SetBlocking(false);
+    if (state == State::Open) return End(State::Discarding, who);
+    if (state == State::Ending) return void(state = State::Discarding);
+    Close();
+}
+
+void Session::End(State next, const char* who) {
+    state = next;
+    endedBy = who;
+    link.SendEndSession(shared_from_this());
+    WatchForStall();
+}
+
+void Session::OnEndSent() {
+    if (state == State::Ending || state == State::Discarding) WaitForQuiet(Clock::now());
+}
+
+void Session::WaitForQuiet(Clock::time_point since) {
+    quietTimer.expires_at(since + timings.quiet);
+    quietTimer.async_wait(Weakly(this, &Session::OnQuietOver));
+}
+
+// While the device was blocked, by whichever session, our bytes may have been held up behind those of others.
+void Session::OnQuietOver(std::error_code error) {
+    if (error || state == State::Closed || state == State::Finishing) return;
+    const auto now = Clock::now();
+    const bool delivers = state == State::Ending && toClient->Size() > 0;
+    const auto since = delivers ? now : std::max(lastArrival, link.LastBlocked());
+    state == State::Draining || since + timings.quiet <= now ? Close() : WaitForQuiet(since);
+}
+
+void Session::Deliver(std::string_view bytes) {
+    gotFromDevice += bytes.size();
+    report.counters.fromDevice += bytes.size();
+    if (state != State::Open) lastArrival = Clock::now();
+    if (state != State::Open && state != State::Ending) return;
+    if (toClient->Size() == 0) lastProgress = Clock::now();
+    toClient->Back().Append(bytes);
+    if (toClient->Size() > clientBacklogBytes) SetBlocking(true);
+    if (std::exchange(writing, true)) return;
+    // Not at once: the device's next frames are probably there already and go with this one.
+    asio::post(socket.get_executor(), [weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->Write();
+    });
+}
+
+void Session::Write() {
+    if (!socket.is_open()) return;
+    const auto bytes = toClient->Next();
+    socket.async_write_some(asio::buffer(bytes.data(), bytes.size()),
+                            Weakly(this, &Session::OnWritten, toClient));
+}
+
+void Session::OnWritten(std::error_code error, std::size_t size) {
+    if (!socket.is_open()) return;
+    if (error) return LoseClient("client");
+    toClient->Sent(size);
+    lastProgress = Clock::now();
+    if (toClient->Size() < clientBacklogBytes / 2) SetBlocking(false);
+    if (toClient->Size() > 0) return Write();
+    writing = false;
+    if (state == State::Finishing) OnAllDelivered();
+}
+
+void Session::Finish() {
+    if (state == State::Discarding) return Close();
+    if (state != State::Open && state != State::Ending) return;
+    if (state == State::Open) endedBy = "device";
+    state = State::Finishing;
+    WatchForStall();
+    ReadMore();
+    if (!writing) OnAllDelivered();
+}
+
+// Closing before the client's own end would reset the connection if it has sent anything more, and the client
+// might lose what it has not read yet.
+void Session::OnAllDelivered() {
+    std::error_code ignored;
+    socket.shutdown(tcp::socket::shutdown_send, ignored);
+    if (clientDone) return Close();
+    state = State::Draining;
+    WaitForQuiet(Clock::now());
+}
+
+void Session::SetBlocking(bool blocks) {
+    if (std::exchange(blocking, blocks) == blocks) return;
+    if (!blocks) return link.Unblock(id);
+    link.Block(id);
+    WatchForStall();
+}
+
+void Session::WatchForStall() {
+    if (toClient->Size() == 0 || std::exchange(watching, true)) return;
+    stallTimer.expires_at(std::max(lastProgress + timings.stall, Clock::now() + timings.stall / 2));
+    stallTimer.async_wait(Weakly(this, &Session::OnStallCheck));
+}
+
+// A client in nobody's way may take as long as it likes: somebody may have stopped it in a debugger.
+void Session::OnStallCheck(std::error_code error) {
+    watching = false;
+    if (error || !socket.is_open()) return;
+    const bool isInTheWay = state != State::Open || (blocking && link.HasOthers());
+    if (isInTheWay && toClient->Size() > 0 && Clock::now() - lastProgress >= timings.stall) {
+        report.Error("session " + id + ": its client takes nothing, dropped");
+        return LoseClient("lab");
+    }
+    if (state != State::Open || blocking) WatchForStall();
+}
+
+void Session::Stop() {
+    if (state != State::Closed) Close();
+}
+
+void Session::Close() {
+    state = State::Closed;
+    std::error_code ignored;
+    socket.close(ignored);
+    quietTimer.cancel();
+    stallTimer.cancel();
+    SetBlocking(false);
+    --report.counters.sessions;
+    report.Event("session " + id + " " + Word(route.deviceId) + " " + Word(route.service) + " closed by " +
+                 endedBy + ", " + std::to_string(sentToDevice) + " bytes to device, " +
+                 std::to_string(gotFromDevice) + " bytes from device");
+    link.Over(*this);
+}
+
+}  // namespace lab

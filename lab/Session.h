@@ -1,0 +1,103 @@
+#pragma once
+
+#include <asio.hpp>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "lab/Buffers.h"
+#include "lab/Report.h"
+#include "lab/RouteTable.h"
+#include "lab/Settings.h"
+
+namespace lab {
+
+class Session;
+
+/// The device's connection, as its sessions see it.
+class DeviceLink {
+public:
+    virtual bool HasRoom() const = 0;                                       ///< for another frame of data
+    virtual void WaitForRoom(const std::shared_ptr<Session>& session) = 0;  ///< calls its ReadMore then, once
+    virtual ByteBuffer& Frames() = 0;  ///< takes whole frames; Flush sends them
+    virtual void Flush() = 0;
+    /// Calls the session's OnEndSent when the message has left, and all the session's data before it.
+    virtual void SendEndSession(const std::shared_ptr<Session>& session) = 0;
+    /// Nothing more is read from the device, for any session, until the session unblocks it.
+    virtual void Block(const std::string& id) = 0;
+    virtual void Unblock(const std::string& id) = 0;
+    virtual std::chrono::steady_clock::time_point LastBlocked()
+        const = 0;                       ///< by any session; now, if it still is
+    virtual bool HasOthers() const = 0;  ///< sessions than the one that asks
+    virtual void Over(Session& session) = 0;
+
+protected:
+    ~DeviceLink() = default;
+};
+
+/// One client of one route, joined to the device's service by frames that carry the session's id.
+///
+///   Start -> ReadMore <-> OnReadable: client to device, while the device's connection has room
+///   Deliver -> Write <-> OnWritten: device to client; too much waiting blocks the whole device
+///
+///   Open --- client's end: end_session ---> Ending ---- quiet --------------------> Closed
+///     |  \-- client lost or dropped: end_session --> Discarding --- quiet --------> Closed
+///     \----- device's end ---> Finishing --- all delivered, FIN ---> Draining ----> Closed
+///
+/// Ending still delivers what the device sends late; Discarding only counts it. All on the event loop.
+class Session : public std::enable_shared_from_this<Session> {
+public:
+    Session(std::string sessionId, const Route& sessionRoute, asio::ip::tcp::socket client,
+            DeviceLink& deviceLink, const Timings& labTimings, Report& reportOfLab);
+    void Start();
+    void ReadMore();
+    void Deliver(std::string_view bytes);
+    void OnEndSent();
+    /// The device has ended the session, or is gone: the client gets what has come so far.
+    void Finish();
+    void Stop();  ///< at once
+
+    const std::string& Id() const { return id; }
+
+private:
+    enum class State { Open, Ending, Discarding, Finishing, Draining, Closed };
+    using Clock = std::chrono::steady_clock;
+
+    void OnReadable(std::error_code error);
+    std::error_code ReadFrame();
+    void OnClientDone();
+    void LoseClient(const char* who);
+    void Write();
+    void OnWritten(std::error_code error, std::size_t size);
+    void OnAllDelivered();
+    void End(State next, const char* who);
+    void WaitForQuiet(Clock::time_point since);
+    void OnQuietOver(std::error_code error);
+    void WatchForStall();
+    void OnStallCheck(std::error_code error);
+    void SetBlocking(bool blocks);
+    void Close();
+
+    std::string id;
+    Route route;
+    asio::ip::tcp::socket socket;
+    asio::steady_timer quietTimer, stallTimer;
+    DeviceLink& link;
+    const Timings& timings;
+    Report& report;
+
+    State state = State::Open;
+    const char* endedBy = "lab";
+    bool reading = false;   // a wait for the client's bytes is outstanding
+    bool writing = false;   // a write is outstanding, or will be started soon
+    bool blocking = false;  // the device is not read because of us
+    bool watching = false;  // the stall timer runs
+    bool clientDone = false;
+    std::shared_ptr<Outbox> toClient = std::make_shared<Outbox>();
+    Clock::time_point lastArrival;   // from the device, or what counts as one
+    Clock::time_point lastProgress;  // of the client's taking
+    std::uint64_t sentToDevice = 0, gotFromDevice = 0;
+};
+
+}  // namespace lab
