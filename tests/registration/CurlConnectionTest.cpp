@@ -1,0 +1,123 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <iterator>
+#include <stdexcept>
+
+#include "registration/CurlConnection.h"
+#include "tests/registration/Recorder.h"
+#include "tests/support/LogCapture.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// Everything but the host header, which holds the port.
+std::string ReadAll(lab::Connection& connection) {
+    const lab::HttpRequest request = lab::ReadHttpRequest(connection);
+    std::string text = request.method + " " + request.target + "\n";
+    for (const auto& [name, value] : request.headers)
+        if (name != "Host") text.append(name).append(": ").append(value).append("\n");
+    return text + request.body;
+}
+
+std::string Url(unsigned short port, const std::string& path = "/") {
+    return "http://127.0.0.1:" + std::to_string(port) + path;
+}
+
+class CurlConnectionTest : public testing::Test {
+protected:
+    support::LogCapture log;
+    CurlConnection curl;
+};
+
+TEST_F(CurlConnectionTest, SendsTheTwoHeadersAndNothingUnasked) {
+    const std::string ok = lab::HttpReply(200, "");
+    Recorder server(ReadAll, {ok, ok, ok});
+    curl.Get(Url(server.Port(), "/a?b=c"), "t1");
+    curl.Post(Url(server.Port()), "t2", "{\"a\":1}\0unsent"s);
+    curl.Delete(Url(server.Port()), "");
+    const std::string common = "Accept: */*\nContent-Type: application/json\nAuthorization: Bearer ";
+    EXPECT_THAT(server.Heard(), ElementsAre("GET /a?b=c\n" + common + "t1\n",
+                                            "POST /\n" + common + "t2\nContent-Length: 7\n{\"a\":1}",
+                                            "DELETE /\n" + common + "\n"));
+}
+
+TEST_F(CurlConnectionTest, ReturnsAnErrorPageLikeAnyOther) {
+    Recorder server(ReadAll, {lab::HttpReply(404, "<html>no</html>")});
+    const HttpResponse response = curl.Post(Url(server.Port()), "t", "{}");
+    EXPECT_EQ(response.curlCode, CURLE_OK);
+    EXPECT_EQ(response.httpCode, 404);
+    EXPECT_EQ(response.body, "<html>no</html>");
+    EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(CurlConnectionTest, PutsTogetherALongBodyThatComesInChunks) {
+    std::string reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    std::string body;
+    for (int i = 1000; i < 3000; ++i) {
+        const std::string chunk = std::to_string(i) + std::string(96, '\0');
+        reply += "64\r\n" + chunk + "\r\n";
+        body += chunk;
+    }
+    Recorder server(ReadAll, {reply + "0\r\n\r\n"});
+    EXPECT_EQ(curl.Get(Url(server.Port()), "t").body, body);
+}
+
+std::vector<std::string> Redirects(std::size_t count) {
+    return std::vector<std::string>(
+        count, "HTTP/1.1 302 \r\nLocation: /\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+}
+
+TEST_F(CurlConnectionTest, FollowsFiftyRedirects) {
+    std::vector<std::string> replies = Redirects(50);
+    replies.push_back(lab::HttpReply(200, "there"));
+    Recorder server(ReadAll, replies);
+    EXPECT_EQ(curl.Get(Url(server.Port()), "t").body, "there");
+}
+
+struct Failure {
+    const char* name;
+    std::vector<std::string> replies;
+    int code;
+};
+
+class FailedTransfers : public CurlConnectionTest, public testing::WithParamInterface<Failure> {};
+
+TEST_P(FailedTransfers, AreLoggedWithCodeAndUrlAndThrown) {
+    Recorder server(ReadAll, GetParam().replies);
+    const std::string url = Url(server.Port(), "/x");
+    EXPECT_EQ(Thrown([&] { curl.Delete(url, "t"); }), "curl_easy_perform() failed");
+    EXPECT_THAT(log.Texts(),
+                ElementsAre("Curl error, code: " + std::to_string(GetParam().code) + ", url: " + url));
+}
+
+const Failure failures[] = {
+    {"Refused", {}, CURLE_COULDNT_CONNECT},
+    {"NoAnswer", {""}, CURLE_GOT_NOTHING},
+    {"NoHttp", {"hello\r\n\r\n"}, CURLE_UNSUPPORTED_PROTOCOL},
+    {"CutBody", {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc"}, CURLE_PARTIAL_FILE},
+    {"FiftyOneRedirects", Redirects(51), CURLE_TOO_MANY_REDIRECTS},
+};
+
+INSTANTIATE_TEST_SUITE_P(CurlConnection, FailedTransfers, testing::ValuesIn(failures), nameOfRow);
+
+TEST_F(CurlConnectionTest, HoldsNoDescriptorAfterFailures) {
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator list("/proc/self/fd");
+        return std::distance(begin(list), end(list));
+    };
+    const auto before = descriptors();
+    Recorder server(ReadAll, std::vector<std::string>(25, ""));
+    const std::string url = Url(server.Port());
+    for (int i = 0; i < 50; ++i) EXPECT_THROW(curl.Post(url, "t", "{}"), std::runtime_error);
+    server.Heard();
+    EXPECT_EQ(descriptors(), before);
+}
+
+}  // namespace
+}  // namespace nox::tunnel_client
