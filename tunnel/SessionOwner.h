@@ -10,6 +10,7 @@ namespace nox::tunnel_client {
 /// the event loop's thread. A session id passed here belongs to the connection that calls.
 class SessionOwner {
 public:
+    virtual ~SessionOwner() = default;
     /// Bytes read from the local service, as a data frame for the server.
     virtual void QueueMessage(TunnelMessage message) = 0;
     /// The connection to the local service could not be made.
@@ -18,9 +19,6 @@ public:
     virtual void SendDisconnectSession(const std::string& sessionId) = 0;
     /// The delayed shutdown is over; the owner may let go.
     virtual void RemoveStoppedSession(const std::string& sessionId) = 0;
-
-protected:
-    ~SessionOwner() = default;
 };
 
 }  // namespace nox::tunnel_client

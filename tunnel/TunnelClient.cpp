@@ -251,8 +251,9 @@ void TunnelClient::HandleEndSession(const json::jobject& message) {
 // afterwards. An id that is in use gets a new connection: the old one closes without a word.
 void TunnelClient::OpenSession(const std::string& sessionId, const std::string& host, std::int32_t port) {
     LogWrite("TunnelClient", 305, logDebug, "New session (%s) to port %d", sessionId.c_str(), port);
+    SessionOwner* const owner = this;
     const auto session =
-        std::make_shared<ServiceConnection>(SessionParams{sessionId, host, port}, this, ioContext, delays);
+        std::make_shared<ServiceConnection>(SessionParams{sessionId, host, port}, owner, ioContext, delays);
     sessions[sessionId] = session;
     LogWrite("TunnelClient", 309, logVerbose, "Sending connected-session message for %s", sessionId.c_str());
     QueueMessage(TunnelMessage(controlFrame, "", BuildConnectedSessionMessage(sessionId)));

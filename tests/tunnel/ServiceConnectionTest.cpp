@@ -106,11 +106,12 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     connection->UploadFinished();
     RunUntil([&] { return log.Count(pausing) == 2; });
     EXPECT_EQ(owner.frames.size(), 26U);
-    while (owner.Received().size() < sent.size()) {
-        connection->UploadFinished();
-        io.run_for(5ms);
-    }
-    EXPECT_EQ(owner.Received(), sent);
+    std::size_t reported = 6;
+    RunUntil([&] {
+        for (; reported < owner.frames.size(); ++reported) connection->UploadFinished();
+        return owner.Received().size() == sent.size();
+    });
+    EXPECT_TRUE(owner.Received() == sent);
     for (const TunnelMessage& frame : owner.frames) EXPECT_LE(frame.data.size(), 16384U);
 }
 

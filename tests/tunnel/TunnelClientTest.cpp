@@ -5,6 +5,7 @@
 
 #include "tests/support/LogCapture.h"
 #include "tests/tunnel/TunnelRun.h"
+#include "tunnel/MessageSigning.h"
 #include "tunnel/TunnelClient.h"
 
 namespace nox::tunnel_client {
@@ -145,7 +146,7 @@ INSTANTIATE_TEST_SUITE_P(
         Spoken{"Silence",
                [](lab::Connection& agent) { agent.ReadToEnd(); },
                {timeout, closing,
-                "[TunnelClient:168] ListenToTunnelServer - read header: (125) Operation canceled"}},
+                "[TunnelClient:168] ListenToTunnelServer - read header: (125) Operation aborted."}},
         Spoken{"EndBeforeAnyFrame",
                Bytes(""),
                {"[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file", closing, timeout}},
@@ -247,8 +248,8 @@ TEST(TunnelClientTest, IntroducesItselfAndBeats) {
         "[TunnelClient:162] Listening to tunnel server",
         "[TunnelClient:415] Finished upload, length " + sent,
         "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
-        "[TunnelClient:175] Header, type 3, len 113",
-        "[TunnelClient:214] Received message, type 3, length 113",
+        "[TunnelClient:175] Header, type 3, len 121",
+        "[TunnelClient:214] Received message, type 3, length 121",
         "[TunnelClient:270] Message signature verified",
         "[TunnelClient:448] Sending heartbeat",
         "[TunnelClient:162] Listening to tunnel server",

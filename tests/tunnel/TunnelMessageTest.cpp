@@ -33,7 +33,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(TunnelMessageTest, DecodesUnsignedBigEndian) {
     HeaderBytes bytes;
-    const std::string text = "\xFF\xFE\xDC\xBA\x98"s + "\0123456789\0abcd"s;
+    const std::string text = "\xFF\xFE\xDC\xBA\x98"s +
+                             "\0"
+                             "123456789abcde\0"s;
     ASSERT_EQ(text.copy(bytes.data(), bytes.size()), bytes.size());
     const FrameHeader header = DecodeHeader(bytes);
     EXPECT_EQ(header.type, 255);

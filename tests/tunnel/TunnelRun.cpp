@@ -44,8 +44,9 @@ std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations,
     const auto refused = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
         return line.find("Failed to connect: (111)") != std::string::npos;
     });
-    if (refused != lines.end())
-        lines.erase(refused - 2, lines.end());  // with "reconnecting" and "Connecting"
+    const auto last = std::find(std::make_reverse_iterator(refused), lines.rend(),
+                                "[TunnelClient:50] Tunnel reconnecting...");
+    if (refused != lines.end() && last != lines.rend()) lines.erase(last.base() - 1, lines.end());
     return lines;
 }
 

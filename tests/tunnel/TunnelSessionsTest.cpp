@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <deque>
 #include <map>
 #include <random>
 
@@ -21,8 +22,6 @@ std::string RandomBytes(std::size_t size, unsigned seed) {
     return text;
 }
 
-std::string OtherId(int number) { return "session-0000000" + std::to_string(number); }
-
 /// Everything the agent says until `ends` sessions are reported as disconnected: data by session, control in
 /// order.
 struct Heard {
@@ -41,45 +40,50 @@ Heard Listen(lab::Connection& agent, int ends) {
     return heard;
 }
 
-TEST(TunnelSessionsTest, CarryMegabytesBothWaysSideBySide) {
-    constexpr int count = 4;
-    std::vector<std::string> down, up;
-    std::vector<std::string> arrived(count);
-    std::vector<std::unique_ptr<lab::ScriptedServer>> services;
-    for (int i = 0; i < count; ++i) {
-        down.push_back(RandomBytes(2000000, static_cast<unsigned>(i)));
-        up.push_back(RandomBytes(2000000, static_cast<unsigned>(100 + i)));
-        services.push_back(std::make_unique<lab::ScriptedServer>(
-            std::vector<lab::Conversation>{[&down, &up, &arrived, i](lab::Connection& peer) {
-                arrived[i] = peer.Read(down[i].size());
-                peer.Write(up[i]);
-            }}));
-    }
-    Heard heard;
-    const auto log = RunTunnel({[&](lab::Connection& agent) {
-        Accept(agent);
-        for (int i = 0; i < count; ++i) NewSession(agent, services[i]->Port(), OtherId(i));
-        std::mt19937 sizes(1);
-        std::vector<std::size_t> sent(count);
-        for (bool more = true; more;) {
-            more = false;
-            for (int i = 0; i < count; ++i) {
-                const std::string piece = down[i].substr(sent[i], sizes() % 131072 + 1);
-                sent[i] += piece.size();
-                if (!piece.empty()) lab::WriteFrame(agent, {0, OtherId(i), piece});
-                more = more || sent[i] < down[i].size();
-            }
+/// A service that takes everything in `down` and answers with `up`.
+struct Stream {
+    explicit Stream(unsigned number)
+        : id("session-0000000" + std::to_string(number)),
+          down(RandomBytes(2000000, number)),
+          up(RandomBytes(2000000, number + 100)),
+          service({[this](lab::Connection& peer) {
+              arrived = peer.Read(down.size());
+              peer.Write(up);
+          }}) {}
+    std::string id, down, up, arrived;
+    std::size_t sent = 0;
+    lab::ScriptedServer service;
+};
+
+void SendInTurns(lab::Connection& agent, std::deque<Stream>& streams) {
+    std::mt19937 sizes(1);
+    const auto left = [](const Stream& stream) { return stream.sent < stream.down.size(); };
+    while (std::any_of(streams.begin(), streams.end(), left)) {
+        for (Stream& stream : streams) {
+            const std::string piece = stream.down.substr(stream.sent, sizes() % 131072 + 1);
+            stream.sent += piece.size();
+            if (!piece.empty()) lab::WriteFrame(agent, {0, stream.id, piece});
         }
-        heard = Listen(agent, count);
+    }
+}
+
+TEST(TunnelSessionsTest, CarryMegabytesBothWaysSideBySide) {
+    std::deque<Stream> streams;
+    for (unsigned number = 1; number <= 4; ++number) streams.emplace_back(number);
+    Heard heard;
+    RunTunnel({[&](lab::Connection& agent) {
+        Accept(agent);
+        for (const Stream& stream : streams) NewSession(agent, stream.service.Port(), stream.id);
+        SendInTurns(agent, streams);
+        heard = Listen(agent, 4);
         HangUp(agent);
     }});
-    for (int i = 0; i < count; ++i) {
-        services[i]->Finish();
-        EXPECT_TRUE(arrived[i] == down[i]) << i;
-        EXPECT_TRUE(heard.data[OtherId(i)] == up[i]) << i;
+    EXPECT_EQ(heard.data.size(), streams.size());
+    for (Stream& stream : streams) {
+        stream.service.Finish();
+        EXPECT_TRUE(stream.arrived == stream.down) << stream.id;
+        EXPECT_TRUE(heard.data[stream.id] == stream.up) << stream.id;
     }
-    EXPECT_EQ(heard.data.size(), static_cast<std::size_t>(count));
-    EXPECT_EQ(Count(log, "[TunnelClient:411]"), 0U);
 }
 
 TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
