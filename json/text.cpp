@@ -8,7 +8,7 @@ namespace json {
 namespace {
 
 // Of each pair, the byte and the letter that stands for it behind a backslash. The solidus is always escaped,
-// though reader refuses that: deliberately, what is sent and signed has always been so.
+// though reader refuses that: deliberately, receivers have always been sent it so.
 constexpr struct {
     char plain, letter;
 } escapes[] = {{'"', '"'},  {'\\', '\\'}, {'/', '/'},  {'\b', 'b'},
