@@ -9,10 +9,12 @@ include_directories(${PROJECT_SOURCE_DIR})
 if(SANITIZE)
   add_compile_options(-fsanitize=${SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${SANITIZE})
-  # With the sanitizers' instrumentation, gcc sees null pointers that cannot be.
-  add_compile_options(-Wno-null-dereference -Wno-maybe-uninitialized)
-  # asio has a fence that the thread sanitizer does not model; gcc would refuse to compile it.
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND SANITIZE MATCHES "thread")
-    add_compile_options(-Wno-tsan)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # With the sanitizers' instrumentation, gcc sees null pointers that cannot be.
+    add_compile_options(-Wno-null-dereference -Wno-maybe-uninitialized)
+    # asio has a fence that the thread sanitizer does not model; gcc would refuse to compile it.
+    if(SANITIZE MATCHES "thread")
+      add_compile_options(-Wno-tsan)
+    endif()
   endif()
 endif()
