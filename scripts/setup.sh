@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that this project needs and this machine lacks.
 #
-# Usage: scripts/setup.sh [build|test|demo|check]...
+# Usage: scripts/setup.sh [build|test|demo|check|fuzz]...
 #   The groups of scripts/packages.txt to look at; without any, all of them.
 #
 # A machine that has everything needs neither root nor a network. Otherwise run it as root, or with sudo installed.
@@ -14,13 +14,13 @@ usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/setup.sh; }
 for group in "$@"; do
     case $group in
         -h | --help) usage; exit 0 ;;
-        build | test | demo | check) ;;
+        build | test | demo | check | fuzz) ;;
         *) echo "setup.sh: unknown group '$group', see --help" >&2; exit 2 ;;
     esac
 done
 
 wanted() {
-    awk -v groups=" ${*:-build test demo check} " \
+    awk -v groups=" ${*:-build test demo check fuzz} " \
         '!/^#/ && index(groups, " " $1 " ") { print $2 }' scripts/packages.txt
 }
 
@@ -51,6 +51,7 @@ fi
 
 echo "setup: installing ${missing[*]}"
 # A freshly started machine may be busy with its own updates: wait for their lock rather than fail.
-apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get --quiet --quiet -o DPkg::Lock::Timeout=300)
+apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get --quiet --quiet -o DPkg::Lock::Timeout=300 \
+    -o Dpkg::Use-Pty=0)
 "${apt[@]}" update
 "${apt[@]}" install --yes --no-install-recommends "${missing[@]}"
