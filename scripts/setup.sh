@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that this project needs and this machine lacks.
 #
-# Usage: scripts/setup.sh [build|test|demo|check|fuzz]...
-#   The groups of scripts/packages.txt to look at; without any, all of them.
+# Usage: scripts/setup.sh [GROUP]...
+#   The groups of scripts/packages.txt to look at, such as build or test; without any, all of them.
 #
 # A machine that has everything needs neither root nor a network. Otherwise run it as root, or with sudo installed.
 
@@ -11,18 +11,19 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/setup.sh; }
 
+listing() { grep --invert-match '^#' scripts/packages.txt; }
+
 for group in "$@"; do
     case $group in
         -h | --help) usage; exit 0 ;;
-        build | test | demo | check | fuzz) ;;
-        *) echo "setup.sh: unknown group '$group', see --help" >&2; exit 2 ;;
     esac
+    if ! listing | grep --quiet "^$group "; then
+        echo "setup.sh: no group '$group' in scripts/packages.txt, see --help" >&2
+        exit 2
+    fi
 done
 
-wanted() {
-    awk -v groups=" ${*:-build test demo check fuzz} " \
-        '!/^#/ && index(groups, " " $1 " ") { print $2 }' scripts/packages.txt
-}
+wanted() { listing | awk -v groups=" $* " 'groups == "  " || index(groups, " " $1 " ") { print $2 }'; }
 
 is_installed() { [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]; }
 
