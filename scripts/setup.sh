@@ -17,7 +17,7 @@ for group in "$@"; do
     case $group in
         -h | --help) usage; exit 0 ;;
     esac
-    if ! listing | grep --quiet "^$group "; then
+    if ! grep --quiet "^$group " scripts/packages.txt; then
         echo "setup.sh: no group '$group' in scripts/packages.txt, see --help" >&2
         exit 2
     fi
