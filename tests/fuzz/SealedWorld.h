@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What the fuzz targets stand on: a process whose connections lead nowhere but into the input.
+///
+/// SealedWorld.cpp takes the place of the C library's connect, recv, getaddrinfo, clock_gettime and of the
+/// two calls with which asio waits. So no input, whatever addresses it names, causes traffic beyond this
+/// process; everything a peer says is there at once; and when nothing is ready to be read or written, the
+/// monotonic clock jumps to the next timer instead of waiting: the real delays take no time, and no run
+/// depends on speed.
+namespace fuzz {
+
+/// Makes the input a finding, with `promise` as the reason, unless the condition holds.
+void Require(bool condition, const char* promise);
+
+/// The other end of one connection. It says its text as the connection opens and never reads.
+struct Peer {
+    enum Ending { HangsUp, StaysSilent, Closes };  ///< no more to say; nothing; and what it is sent fails
+
+    std::string says;
+    Ending ending = HangsUp;
+};
+
+/// Who answers at that port of 127.0.0.1; nobody: the connection is refused, as it is at any other address.
+using Directory = std::function<std::optional<Peer>(std::uint16_t port)>;
+
+/// One run's connections; there is one object at a time.
+class SealedWorld {
+public:
+    /// @param piece how many bytes one read returns at most, at least 1
+    explicit SealedWorld(Directory whoAnswers, std::size_t piece = SIZE_MAX);
+    ~SealedWorld();
+    SealedWorld(const SealedWorld&) = delete;
+    SealedWorld& operator=(const SealedWorld&) = delete;
+
+    int Connect(int socket, std::uint16_t port);
+    std::size_t PieceBytes() const { return pieceBytes; }
+    /// What was sent on the first connection; call it once.
+    std::string Heard() const;
+
+private:
+    Directory directory;
+    std::size_t pieceBytes;
+    std::vector<int> peers;
+};
+
+}  // namespace fuzz
