@@ -2,8 +2,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <exception>
-#include <iostream>
 
 #include "core/Cycle.h"
 #include "core/LoadConfiguration.h"
@@ -18,7 +18,7 @@ int main(int argc, char* argv[]) {
     try {
         LoadConfiguration(argc, argv, registration, tunnel, log);
     } catch (const std::exception& failure) {
-        std::cerr << "Invalid configuration - exiting: " << failure.what() << std::endl;
+        std::fprintf(stderr, "Invalid configuration - exiting: %s\n", failure.what());
         return 1;
     }
 
