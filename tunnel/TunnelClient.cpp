@@ -258,6 +258,9 @@ void TunnelClient::OpenSession(const std::string& sessionId, const std::string& 
     LogWrite("TunnelClient", 309, logVerbose, "Sending connected-session message for %s", sessionId.c_str());
     QueueMessage(TunnelMessage(controlFrame, "", BuildConnectedSessionMessage(sessionId)));
     session->Connect();
+    // A frame that was on its way when Stop went through the table: without this, the run would last until the
+    // service hangs up.
+    if (stopping) session->Stop();
 }
 
 void TunnelClient::EndSession(const std::string& sessionId) {

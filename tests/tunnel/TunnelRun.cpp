@@ -32,11 +32,12 @@ Delays QuickDelays() {
     return delays;
 }
 
-std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations, std::int32_t level) {
+std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations, std::int32_t level,
+                                   const Delays& delays) {
     LogCapture log(level);
     lab::ScriptedServer server(std::move(conversations));
     {
-        TunnelClient client(QuickConfig(server.Port()), QuickDelays());
+        TunnelClient client(QuickConfig(server.Port()), delays);
         client.Run();
     }
     server.Finish();
@@ -65,6 +66,18 @@ void Say(lab::Connection& agent, const std::string& json) { lab::WriteControl(ag
 void NewSession(lab::Connection& agent, unsigned short port, const std::string& id) {
     Say(agent, R"({"method":"new_session","session":")" + id + R"(","localHost":"127.0.0.1","localPort":)" +
                    std::to_string(port) + "}");
+}
+
+Heard Listen(lab::Connection& agent, int ends) {
+    Heard heard;
+    while (ends > 0) {
+        const lab::Frame frame = lab::ReadFrame(agent);
+        if (frame.type == 0) heard.data[frame.session] += frame.payload;
+        if (frame.type != 3) continue;
+        heard.control.push_back(frame.payload.substr(0, frame.payload.find(",\"timestamp\"")));
+        if (frame.payload.find("disconnect-session") != std::string::npos) --ends;
+    }
+    return heard;
 }
 
 std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,

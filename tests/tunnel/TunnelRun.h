@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,8 @@ nox::tunnel_client::Delays QuickDelays();
 /// @return the log, without the lines that the refused connections leave
 /// @throws what a conversation or the run throws
 std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations,
-                                   std::int32_t level = nox::tunnel_client::logInfo);
+                                   std::int32_t level = nox::tunnel_client::logInfo,
+                                   const nox::tunnel_client::Delays& delays = QuickDelays());
 
 /// The server's side: reads the verify message and answers with a signed "message".
 void Accept(lab::Connection& agent);
@@ -32,6 +34,14 @@ std::string HangUp(lab::Connection& agent);
 void Say(lab::Connection& agent, const std::string& json);
 /// The signed "new_session" for the id above, or another, on 127.0.0.1.
 void NewSession(lab::Connection& agent, unsigned short port, const std::string& id = sessionId);
+
+/// What the agent says: data by session, control messages in order, without what signing adds.
+struct Heard {
+    std::map<std::string, std::string> data;
+    std::vector<std::string> control;
+};
+/// Everything until `ends` sessions are reported as disconnected.
+Heard Listen(lab::Connection& agent, int ends);
 
 /// The lines after `first` and before `last`.
 std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,

@@ -22,24 +22,6 @@ std::string RandomBytes(std::size_t size, unsigned seed) {
     return text;
 }
 
-/// Everything the agent says until `ends` sessions are reported as disconnected: data by session, control in
-/// order.
-struct Heard {
-    std::map<std::string, std::string> data;
-    std::vector<std::string> control;
-};
-Heard Listen(lab::Connection& agent, int ends) {
-    Heard heard;
-    while (ends > 0) {
-        const lab::Frame frame = lab::ReadFrame(agent);
-        if (frame.type == 0) heard.data[frame.session] += frame.payload;
-        if (frame.type != 3) continue;
-        heard.control.push_back(frame.payload.substr(0, frame.payload.find(",\"timestamp\"")));
-        if (frame.payload.find("disconnect-session") != std::string::npos) --ends;
-    }
-    return heard;
-}
-
 /// A service that takes everything in `down` and answers with `up`.
 struct Stream {
     explicit Stream(unsigned number)
@@ -114,6 +96,36 @@ TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
                                       std::to_string(service.Port()),
                                   "[TunnelClient:323] Session " + sessionId + " ended",
                                   "[TunnelClient:362] Removing stopped session " + sessionId}));
+}
+
+// Asked for by a frame that was being read when the connection had to stop: this must not keep the run from
+// ending, and the first good signature comes too late for heartbeats.
+TEST(TunnelSessionsTest, OpenedWhileStoppingAreStoppedToo) {
+    lab::ScriptedServer service({[](lab::Connection& peer) { peer.ReadToEnd(); }});
+    Delays delays = QuickDelays();
+    delays.verificationLimit = 50ms;
+    delays.tunnelClose = 600ms;
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+                                   lab::ReadControl(agent);
+                                   std::this_thread::sleep_for(200ms);
+                                   NewSession(agent, service.Port());
+                                   lab::ReadControl(agent);  // connected-session is still written
+                                   service.Finish();
+                                   agent.ReadToEnd();
+                               }},
+                               logDebug, delays);
+    const std::string session = sessionId + " ";
+    Lines told;
+    for (const auto& line : log) {
+        if (line.find(":98]") == std::string::npos) told.push_back(line.substr(line.find("] ") + 2));
+    }
+    EXPECT_EQ(
+        told,
+        (Lines{"Verification timeout", "Message signature verified", "Stopping heartbeat messages",
+               "New session (" + sessionId + ") to port " + std::to_string(service.Port()),
+               "Closing session " + session + "socket after timer delay",
+               "Stopping session " + session + "after timer delay", "Removing stopped session " + sessionId,
+               "Closing tunnel server socket after timer delay"}));
 }
 
 TEST(TunnelSessionsTest, ReportAServiceThatRefuses) {
