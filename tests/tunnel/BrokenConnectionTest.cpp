@@ -1,0 +1,154 @@
+// Each conversation of the tunnel ended after each of its steps, in each of three ways. What follows is
+// always the same: the lines of such an end, and a next connection or session that works.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <iterator>
+#include <numeric>
+
+#include "lab/Signing.h"
+#include "tests/support/Eventually.h"
+#include "tests/tunnel/TunnelRun.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace support;
+using Lines = std::vector<std::string>;
+
+enum class Way { Close, Reset, Silence };
+
+struct Step {
+    lab::Conversation play;
+    bool insidePayload = false;  // a frame of ours has begun, and its header has arrived
+};
+using Script = std::vector<Step>;
+
+/// A frame in pieces that end at `cuts`.
+void Write(Script& script, const lab::Frame& frame, const std::vector<std::size_t>& cuts) {
+    const auto header = lab::EncodeHeader(frame.type, frame.payload.size(), frame.session);
+    const std::string bytes = std::string(header.begin(), header.end()) + frame.payload;
+    std::size_t begin = 0;
+    for (const std::size_t end : cuts) {
+        const std::string piece = bytes.substr(begin, end - begin);
+        script.push_back({[piece](auto& agent) { agent.Write(piece); }, end >= 21 && end < bytes.size()});
+        begin = end;
+    }
+}
+
+lab::Frame Control(const std::string& json) { return {lab::controlFrame, "", lab::Sign(password, json)}; }
+
+/// The server's side of connecting, verification, a session, its data and its end.
+constexpr std::size_t verifiedAfter = 26;
+Script WholeStory(unsigned short service) {
+    Script script = {{[](auto& agent) { agent.Read(1); }},
+                     {[](auto& agent) { agent.ReadUntil("\"sign\":\""), agent.Read(34); }}};
+    const lab::Frame welcome = Control(R"({"method":"message","message":"welcome"})");
+    std::vector<std::size_t> cuts(22);
+    std::iota(cuts.begin(), cuts.end(), 1);  // every byte of the header, and one more
+    cuts.insert(cuts.end(), {welcome.payload.size() + 20, welcome.payload.size() + 21});
+    Write(script, welcome, cuts);
+    script.push_back({[service](auto& agent) { NewSession(agent, service); }});
+    script.push_back({[](auto& agent) { lab::ReadControl(agent); }});
+    Write(script, {lab::dataFrame, sessionId, "ping"}, {7, 23, 25});
+    script.push_back({[](auto& agent) {
+        while (lab::ReadFrame(agent).payload != "pong") continue;
+    }});
+    script.push_back(
+        {[](auto& agent) { Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})"); }});
+    return script;
+}
+
+// A silent server is given up by an agent that still waits for its first word, and else goes on hearing it.
+void End(lab::Connection& agent, Way way, bool verified) {
+    if (way == Way::Reset) return agent.Reset();
+    if (way == Way::Silence) {
+        for (int beats = verified ? 3 : 0; beats > 0;)
+            beats -= lab::ReadFrame(agent).type == lab::heartbeatFrame;
+        if (!verified) agent.ReadToEnd();
+    }
+    if (agent.Socket().is_open()) HangUp(agent);
+}
+
+class TunnelEnded : public testing::TestWithParam<Way> {
+protected:
+    std::atomic<int> opened{0}, ended{0};
+    lab::Conversation service = [this](lab::Connection& peer) {
+        ++opened;
+        peer.Write("pong");
+        peer.ReadToEnd();
+        ++ended;
+    };
+};
+
+Lines ExpectedEnd(Way way, std::size_t steps, bool insidePayload) {
+    const std::string read = insidePayload ? "[TunnelClient:193] ListenToTunnelServer - read data: "
+                                           : "[TunnelClient:168] ListenToTunnelServer - read header: ";
+    const std::string cause = way == Way::Reset ? "reset" : read + "(2) End of file";
+    const std::string closing = "[TunnelClient:147] Closing tunnel server socket after timer delay";
+    const std::string timeout = "[TunnelClient:122] Verification timeout";
+    if (steps >= verifiedAfter) return {cause, closing};
+    if (way == Way::Silence) return {timeout, closing, read + "(125) Operation aborted."};
+    return {cause, closing, timeout};
+}
+
+/// The lines that tell how a connection ended. A reset is met by reading, by writing or by both.
+Lines ToldOf(Way way, Lines::const_iterator line, Lines::const_iterator end) {
+    Lines told;
+    for (; line != end; ++line) {
+        const std::string number = line->substr(14, 3);
+        const bool fails = number == "168" || number == "193" || number == "411";
+        if (fails && way == Way::Reset) {
+            if (told.empty() || told.back() != "reset") told.push_back("reset");
+        } else if (fails || number == "122" || number == "147") {
+            told.push_back(*line);
+        }
+    }
+    return told;
+}
+
+Lines RunThrough(Way way, const Script& script, std::size_t first) {
+    std::vector<lab::Conversation> conversations;
+    for (std::size_t steps = first; steps < first + 3; ++steps) {
+        conversations.push_back([=, &script](lab::Connection& agent) {
+            for (std::size_t i = 0; i < std::min(steps, script.size()); ++i) script[i].play(agent);
+            End(agent, way, steps >= verifiedAfter);
+        });
+    }
+    Delays delays = QuickDelays();
+    delays.verificationLimit = first + 2 < verifiedAfter ? 60ms : 150ms;
+    delays.tunnelClose = delays.sessionClose = 30ms;
+    delays.sessionRemoval = 5ms;
+    delays.second = 1ms;
+    return RunTunnel(std::move(conversations), logDebug, delays);
+}
+
+TEST_P(TunnelEnded, AfterAnyStepIsFollowedByTheNextConnection) {
+    const std::size_t all = WholeStory(0).size();
+    const bool reset = GetParam() == Way::Reset;  // at once, it could be taken for a failed connect
+    for (std::size_t first = reset ? 1 : 0; first <= all; first += 3) {
+        lab::ScriptedServer services({service, service, service});
+        const Script script = WholeStory(services.Port());
+        const Lines lines = RunThrough(GetParam(), script, first);
+        const auto begins = [](const std::string& line) { return line.rfind("[TunnelClient:98]", 0) == 0; };
+        auto connection = std::find_if(lines.begin(), lines.end(), begins);
+        for (std::size_t steps = first; steps < first + 3; ++steps) {
+            ASSERT_NE(connection, lines.end()) << steps;
+            const auto next = std::find_if(std::next(connection), lines.end(), begins);
+            const bool inside = steps > 0 && steps <= all && script[steps - 1].insidePayload;
+            EXPECT_EQ(ToldOf(GetParam(), connection, next), ExpectedEnd(GetParam(), steps, inside)) << steps;
+            connection = next;
+        }
+        EXPECT_TRUE(Eventually([&] { return opened == ended; }, 2s)) << "a session outlived its tunnel";
+    }
+    EXPECT_GT(opened, 0);
+}
+
+constexpr const char* names[] = {"Close", "Reset", "Silence"};
+INSTANTIATE_TEST_SUITE_P(Ways, TunnelEnded, testing::Values(Way::Close, Way::Reset, Way::Silence),
+                         [](const auto& row) { return std::string(names[static_cast<int>(row.param)]); });
+
+}  // namespace
+}  // namespace nox::tunnel_client
