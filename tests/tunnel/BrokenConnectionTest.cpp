@@ -40,6 +40,13 @@ void Write(Script& script, const lab::Frame& frame, const std::vector<std::size_
 
 lab::Frame Control(const std::string& json) { return {lab::controlFrame, "", lab::Sign(password, json)}; }
 
+lab::Frame ReadData(lab::Connection& agent) {
+    lab::Frame frame;
+    do frame = lab::ReadFrame(agent);
+    while (frame.type != lab::dataFrame);
+    return frame;
+}
+
 /// The server's side of connecting, verification, a session, its data and its end.
 constexpr std::size_t verifiedAfter = 26;
 Script WholeStory(unsigned short service) {
@@ -53,9 +60,7 @@ Script WholeStory(unsigned short service) {
     script.push_back({[service](auto& agent) { NewSession(agent, service); }});
     script.push_back({[](auto& agent) { lab::ReadControl(agent); }});
     Write(script, {lab::dataFrame, sessionId, "ping"}, {7, 23, 25});
-    script.push_back({[](auto& agent) {
-        while (lab::ReadFrame(agent).payload != "pong") continue;
-    }});
+    script.push_back({[](auto& agent) { ReadData(agent); }});
     script.push_back(
         {[](auto& agent) { Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})"); }});
     return script;
@@ -144,6 +149,65 @@ TEST_P(TunnelEnded, AfterAnyStepIsFollowedByTheNextConnection) {
         EXPECT_TRUE(Eventually([&] { return opened == ended; }, 2s)) << "a session outlived its tunnel";
     }
     EXPECT_GT(opened, 0);
+}
+
+/// A service that is asked "ping", answers "pong", and ends after some of its steps.
+lab::Conversation Service(Way way, std::size_t steps, std::string& arrived) {
+    return [=, &arrived](lab::Connection& peer) {
+        for (std::size_t step = 1; step <= steps; ++step) {
+            if (step <= 2) arrived += peer.Read(2);
+            if (step > 2) peer.Write(step == 3 ? "po" : "ng");
+        }
+        if (way == Way::Silence) arrived += peer.ReadToEnd();
+        if (way == Way::Reset) peer.Reset();
+    };
+}
+
+/// One session with it, seen from the tunnel server.
+void Meet(lab::Connection& agent, Way way, std::size_t steps, const std::string& id) {
+    std::string arrived;
+    lab::ScriptedServer service({Service(way, steps, arrived)});
+    const std::string answer = std::string("pong").substr(0, steps < 3 ? 0 : 2 * (steps - 2));
+    NewSession(agent, service.Port(), id);
+    lab::WriteFrame(agent, {lab::dataFrame, id, "ping"});
+    if (way == Way::Silence) {
+        std::string heard;
+        while (heard.size() < answer.size()) heard += ReadData(agent).payload;
+        Say(agent, R"({"method":"end_session","session":")" + id + R"("})");
+        service.Finish();
+        EXPECT_EQ(arrived + heard, "ping" + answer);
+        return;
+    }
+    Heard heard = Listen(agent, 1);
+    EXPECT_EQ(heard.control, (Lines{R"({"method":"connected-session","session":")" + id + '"',
+                                    R"({"method":"disconnect-session","session":")" + id + '"'}));
+    // A reset may overtake what was written before it.
+    EXPECT_EQ(heard.data[id], way == Way::Close ? answer : answer.substr(0, heard.data[id].size()));
+}
+
+TEST(BrokenServiceTest, EndsItsOwnSessionAndNoOther) {
+    constexpr int rounds = 15;
+    const std::string steady = "steady-and-alive";
+    lab::ScriptedServer echo({[](lab::Connection& peer) {
+        for (int round = 0; round < rounds; ++round) peer.Write(peer.Read(1));
+    }});
+    const auto log =
+        RunTunnel({[&](lab::Connection& agent) {
+                      Accept(agent);
+                      NewSession(agent, echo.Port(), steady);
+                      lab::ReadControl(agent);
+                      for (int round = 0; round < rounds; ++round) {
+                          Meet(agent, static_cast<Way>(round % 3), static_cast<std::size_t>(round / 3),
+                               "short-lived-" + std::to_string(1000 + round));
+                          lab::WriteFrame(agent, {lab::dataFrame, steady, "x"});
+                          EXPECT_EQ(ReadData(agent).session, steady);
+                      }
+                      HangUp(agent);
+                  }},
+                  logDebug);
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const auto& line) { return line.rfind("[TunnelClient:362]", 0) == 0; }),
+              rounds + 1);
 }
 
 constexpr const char* names[] = {"Close", "Reset", "Silence"};
