@@ -1,5 +1,7 @@
 #include "tunnel/TunnelClient.h"
 
+#include <malloc.h>
+
 #include <array>
 #include <thread>
 #include <utility>
@@ -258,8 +260,8 @@ void TunnelClient::OpenSession(const std::string& sessionId, const std::string& 
     LogWrite("TunnelClient", 309, logVerbose, "Sending connected-session message for %s", sessionId.c_str());
     QueueMessage(TunnelMessage(controlFrame, "", BuildConnectedSessionMessage(sessionId)));
     session->Connect();
-    // A frame that was on its way when Stop went through the table: without this, the run would last until the
-    // service hangs up.
+    // A frame that was on its way when Stop went through the table: without this, the run would last until
+    // the service hangs up.
     if (stopping) session->Stop();
 }
 
@@ -291,6 +293,9 @@ void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     }
     LogWrite("TunnelClient", 362, logDebug, "Removing stopped session %s", sessionId.c_str());
     sessions.erase(session);
+    // A service slower than its client can have made us hold megabytes; the allocator would keep them for
+    // itself.
+    if (sessions.empty()) malloc_trim(0);
 }
 
 // ---- Sending
