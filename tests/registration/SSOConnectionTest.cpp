@@ -61,7 +61,6 @@ TEST_P(Exchanges, EndLikeThis) {
 std::string Ok(const std::string& rest) { return lab::SsoReply(R"({"status":"ok")" + rest + "}"); }
 std::string Reply(const std::string& text) { return lab::SsoReply(text); }
 
-const char* const cut = "read: End of file";
 const char* const noObject = "Input is not a valid object";
 const char* const badStatus = "Invalid status in response";
 
@@ -84,9 +83,6 @@ const Exchange exchanges[] = {
     {"NoJson", token, Reply("<html>"), noObject},
     {"CutJson", token, Reply(R"({"status":"ok")"), noObject},
     {"LengthZero", token, Reply(""), noObject},
-    {"Nothing", token, "", cut},
-    {"HalfALength", token, "\0\0"s, cut},
-    {"OneByteShort", token, "\0\0\0\x04{}}"s, cut},
 };
 
 INSTANTIATE_TEST_SUITE_P(SSOConnection, Exchanges, testing::ValuesIn(exchanges), nameOfRow);
@@ -107,7 +103,7 @@ TEST(SSOConnectionTest, PaysNoMemoryForAnAnnouncedLength) {
     };
     Recorder service(ReadBytes, {"\xff\xff\xff\xff{}!"});
     const long before = peakKibibytes();
-    EXPECT_EQ(Thrown([&] { SSOConnection::GetToken(host, service.Port()); }), cut);
+    EXPECT_EQ(Thrown([&] { SSOConnection::GetToken(host, service.Port()); }), "read: End of file");
     EXPECT_LT(peakKibibytes() - before, 32 * 1024);
 }
 
