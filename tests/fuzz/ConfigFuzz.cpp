@@ -34,7 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     try {
         Load("/proc/self/fd/" + std::to_string(file));
     } catch (const std::invalid_argument&) {  // the JSON library's errors are of this kind too
-    } catch (const std::out_of_range&) {      // a number that is too large
+    } catch (const std::out_of_range& error) {
+        fuzz::Require(error.what() == std::string("stoi"), "only a number that is too large is out of range");
     }
     return 0;
 }
