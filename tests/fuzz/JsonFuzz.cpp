@@ -38,10 +38,14 @@ void CheckReader(const std::string& text) {
     reader again;
     for (const char ch : input.readout()) Require(again.push(ch) == Tried::ACCEPTED, "what was read reads");
     Require(again == input && SameState(again, input), "what was read reads as itself");
+    again.clear();
+    Require(again.empty() && SameState(again, reader()), "a cleared reader is as good as new");
 }
 
 void CheckMember(const std::string& text) {
     kvp_reader member;
+    for (const char ch : text) member.push(ch);
+    member.clear();  // the second time it has to be as good as the first
     for (const char ch : text) member.push(ch);
     if (!member.is_valid()) return;
     reader object;
@@ -119,9 +123,11 @@ void CheckDocument(const std::string& text) {
     for (const std::string& key : keys)
         Require(document.has_key(key) && !document[key].ref().empty(), "keys lead");
     std::string indented;
-    if (written.size() > 4096 || !Parses([&] { indented = document.pretty(); })) return;
-    if (!Any(keys, "/\"\\\b\f\n\r\t") && keys.size() == document.size())
+    if (written.size() <= 4096 && Parses([&] { indented = document.pretty(); }) &&
+        keys.size() == document.size() && !Any(keys, "/\"\\\b\f\n\r\t"))
         Require(jobject::parse(indented).list_keys() == keys, "indented text keeps its members");
+    for (const std::string& key : keys) document.remove(key);
+    Require(document.is_array() || document.size() == 0, "members can be removed");
 }
 
 }  // namespace

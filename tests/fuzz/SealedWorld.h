@@ -10,18 +10,19 @@
 /// What the fuzz targets stand on: a process whose connections lead nowhere but into the input.
 ///
 /// SealedWorld.cpp takes the place of the C library's connect, recv, getaddrinfo, clock_gettime and of the
-/// two calls with which asio waits. So no input, whatever addresses it names, causes traffic beyond this
-/// process; everything a peer says is there at once; and when nothing is ready to be read or written, the
-/// monotonic clock jumps to the next timer instead of waiting: the real delays take no time, and no run
-/// depends on speed.
+/// calls with which asio waits. Whoever connects gets one end of a socket pair, so no input, whatever
+/// addresses it names, causes traffic beyond this process, and everything a peer says is there at once. When
+/// nothing is ready to be read or written, the peers read what they were sent; when that was nothing, the
+/// monotonic clock jumps to the next timer: the real delays take no time, and no run depends on how fast it
+/// is.
 namespace fuzz {
 
 /// Makes the input a finding, with `promise` as the reason, unless the condition holds.
 void Require(bool condition, const char* promise);
 
-/// The other end of one connection. It says its text as the connection opens and never reads.
+/// The other end of one connection, and what it does when it has said its text.
 struct Peer {
-    enum Ending { HangsUp, StaysSilent, Closes };  ///< no more to say; nothing; and what it is sent fails
+    enum Ending { HangsUp, StaysSilent, GoesDeaf };  ///< deaf: what it is sent fails
 
     std::string says;
     Ending ending = HangsUp;
@@ -41,13 +42,14 @@ public:
 
     int Connect(int socket, std::uint16_t port);
     std::size_t PieceBytes() const { return pieceBytes; }
-    /// What was sent on the first connection; call it once.
-    std::string Heard() const;
+    bool Listen();               ///< reads what was sent to the peers; false when that is nothing
+    const std::string& Heard();  ///< what was sent on the first connection
 
 private:
     Directory directory;
     std::size_t pieceBytes;
     std::vector<int> peers;
+    std::string heard;
 };
 
 }  // namespace fuzz

@@ -31,7 +31,7 @@ TunnelConfig Configuration() {
 
 std::optional<Peer> Service(std::uint16_t port, std::size_t pieceBytes) {
     switch (port) {
-        case 6: return Peer{"", Peer::Closes};
+        case 6: return Peer{"", Peer::GoesDeaf};
         case 7:
             return Peer{std::string(30 * std::min<std::size_t>(16384, pieceBytes), 'x'), Peer::StaysSilent};
         case 9: return Peer{"", Peer::StaysSilent};
@@ -81,8 +81,10 @@ std::string ControlFrame(const std::string& text) {
     std::string payload = text;
     try {
         json::jobject message = json::jobject::parse(text);
-        if (!message.has_key("timestamp")) message["timestamp"] = "1700000000000";
-        message["sign"] = ComputeSign(password, message);
+        if (!message.has_key("sign")) {
+            if (!message.has_key("timestamp")) message["timestamp"] = "1700000000000";
+            message["sign"] = ComputeSign(password, message);
+        }
         payload = message.as_string();
     } catch (const std::exception&) {  // not an object: nothing to sign
     }
@@ -96,7 +98,7 @@ void RunTunnel(const std::string& stream, std::size_t pieceBytes, int connection
         if (port != tunnelPort) return Service(port, pieceBytes);
         return connections-- > 0 ? std::optional(Peer{stream}) : std::nullopt;
     };
-    const SealedWorld world(answer, pieceBytes);
+    SealedWorld world(answer, pieceBytes);
     Run();
     CheckFrames(world.Heard());
 }
