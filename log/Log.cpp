@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <string>
 
 namespace nox::tunnel_client {
@@ -38,20 +39,25 @@ std::tm LocalTime() {
     return local != nullptr ? *local : std::tm{};
 }
 
-std::string DateText() {
+// "LOG START" or "LOG END"; asctime's line feed stays out.
+void WriteDated(const char* event) {
     const std::tm now = LocalTime();
     const char* text = std::asctime(&now);
-    std::string date = text != nullptr ? text : "";
-    if (!date.empty()) date.pop_back();  // asctime's line feed
-    return date;
+    const std::size_t length = text != nullptr ? std::strlen(text) - 1 : 0;
+    std::fprintf(logger.stream, "%s %.*s", event, static_cast<int>(length), text != nullptr ? text : "");
 }
 
-std::string NewFileName() {
+// Returns whether there was memory for it.
+bool NameFile() try {
     const std::tm now = LocalTime();
     std::array<char, 100> date{};
     std::snprintf(date.data(), date.size(), "-%lld-%02d-%02d-%02d-%02d-%02d.log", 1900LL + now.tm_year,
                   now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
-    return std::string(logger.basePath) + date.data();
+    logger.fileName = std::string(logger.basePath) + date.data();
+    return true;
+} catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
 }
 
 bool WritesToFile() { return logger.stream != nullptr && logger.stream != stdout; }
@@ -60,8 +66,7 @@ void ScheduleRotation() { logger.nextRotation = logger.openedAt + secondsPerHour
 
 // Leaves standard output in the file's place when the file cannot be created. Returns 0, or 1 in that case.
 int OpenFile() {
-    logger.fileName = NewFileName();
-    logger.stream = std::fopen(logger.fileName.c_str(), "w");
+    logger.stream = NameFile() ? std::fopen(logger.fileName.c_str(), "w") : nullptr;
     if (logger.stream != nullptr) return 0;
     const int reason = errno;
     std::fprintf(stderr, "Attempted to create log %s\n", logger.fileName.c_str());
@@ -81,7 +86,8 @@ int OpenOutput() {
     }
     logger.openedAt = std::time(nullptr);
     ScheduleRotation();
-    std::fprintf(logger.stream, "LOG START %s\n", DateText().c_str());
+    WriteDated("LOG START");
+    std::fputc('\n', logger.stream);
     std::fflush(logger.stream);
     logger.linesSinceSizeCheck = 0;
     return result;
@@ -171,7 +177,7 @@ int LogStop() {
     int result = 0;
     if (logger.stream != nullptr) {
         // No line end: on standard output the next "LOG START" continues this line.
-        std::fprintf(logger.stream, "LOG END %s", DateText().c_str());
+        WriteDated("LOG END");
         if (logger.stream == stdout) {
             std::fflush(stdout);
         } else {
