@@ -143,16 +143,21 @@ TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
     EXPECT_EQ(log.Count("ListenToService error with stopFlag, session " + id), 1U);
 }
 
+// Paused, it reads nothing: the write is the one to meet the reset.
 TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
     lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Write(std::string(20 * 16384, 's'));
         peer.Read(1);
         peer.Reset();
     }});
+    support::LogCapture errors(logError);
     const auto connection = Connect(service.Port());
+    RunUntil([&] { return owner.frames.size() == 20; });
     connection->QueueData(std::string(20000000, 'w'));
     RunToTheEnd();
-    // The read or the write may be the first to meet the reset; the second finds the session stopping.
     EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
+    EXPECT_EQ(errors.Texts(), std::vector<std::string>{"ServiceConnection::SendAsync, session " + id +
+                                                       ": (104) Connection reset by peer"});
 }
 
 TEST_F(ServiceConnectionTest, RefusesWhatIsNoNumericAddress) {

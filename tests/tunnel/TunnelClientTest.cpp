@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <regex>
+#include <set>
 
 #include "tests/support/LogCapture.h"
 #include "tests/tunnel/TunnelRun.h"
@@ -54,71 +56,70 @@ Spoken Incomplete(const char* name, const std::string& json, const std::string& 
     return {name, Raw(3, stamped), {line + stamped}};
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Control, SurvivesMessages,
-    testing::Values(
-        Spoken{"NotJson",
-               Raw(3, "hello"),
-               {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
-        Spoken{"Empty",
-               Raw(3, ""),
-               {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
-        Spoken{"DuplicateKey",
-               Raw(3, R"({"a":1,"a":2})"),
-               {"[TunnelClient:337] Failed to parse server message: Key conflict"}},
-        Spoken{"EmptyKey",
-               Raw(3, R"({"":1})"),
-               {"[TunnelClient:337] Failed to parse server message: Missing key"}},
-        Spoken{"BracketsAsDeepAsAFrame",
-               Raw(3, std::string(131072, '[')),
-               {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
-        Spoken{"NestedPairs",
-               Raw(3, "{\"a\":" + std::string(65530, '[') + std::string(65530, ']') + "}"),
-               {"[TunnelClient:251] Missing method in server message"}},
-        Spoken{"AnArray", Raw(3, "[]"), {"[TunnelClient:251] Missing method in server message"}},
-        Spoken{"MethodIsANumber",
-               Raw(3, R"({"method":5,"sign":"x"})"),
-               {"[TunnelClient:251] Missing method in server message"}},
-        Spoken{"NoSign",
-               Raw(3, R"({"method":"message"})"),
-               {"[TunnelClient:266] Missing sign: in server message"}},
-        Spoken{"SignIsANumber",
-               Raw(3, R"({"method":"message","sign":1})"),
-               {"[TunnelClient:266] Missing sign: in server message"}},
-        Spoken{"NoTimestamp",
-               Raw(3, R"({"method":"message","sign":"x"})"),
-               {"[TunnelClient:341] Invalid JSON key: timestamp"}},
-        Spoken{"UnknownMethod", Signed(R"({"method":"dance"})"), {}},
-        Spoken{"MessageMissing",
-               Signed(R"({"method":"message"})"),
-               {"[TunnelClient:279] Missing \"message\" field"}},
-        Spoken{"MessageIsANumber", Signed(R"({"method":"message","message":7})"), {}},
-        Spoken{"Conflict",
-               Signed(R"({"method":"conflict"})"),
-               {"[TunnelClient:332] Device was already connected to server, disconnecting other client"}},
-        Incomplete("NewSessionWithoutSession", R"({"method":"new_session","localPort":1})",
-                   "[TunnelClient:289] Incomplete new_session request: "),
-        Incomplete("NewSessionWithoutPort", R"({"method":"new_session","session":"s"})",
-                   "[TunnelClient:289] Incomplete new_session request: "),
-        Incomplete("NewSessionPortIsTrue", R"({"method":"new_session","session":"s","localPort":true})",
-                   "[TunnelClient:289] Incomplete new_session request: "),
-        Incomplete("NewSessionSessionIsANumber", R"({"method":"new_session","session":1,"localPort":1})",
-                   "[TunnelClient:289] Incomplete new_session request: "),
-        Incomplete("EndSessionWithoutSession", R"({"method":"end_session"})",
-                   "[TunnelClient:318] Incomplete end_session request: "),
-        Spoken{"EndOfUnknownSession",
-               Signed(R"({"method":"end_session","session":"s"})"),
-               {"[TunnelClient:328] Session s not found"}},
-        Spoken{"Heartbeat", Raw(1, ""), {}}, Spoken{"TypeTwo", Raw(2, "whatever"), {}},
-        Spoken{"UnknownType", Raw(9, "x"), {"[TunnelClient:238] Unknown message type 9"}},
-        Spoken{"LargestPayload",
-               Raw(255, std::string(131072, 'x')),
-               {"[TunnelClient:238] Unknown message type 255"}},
-        Spoken{"EmptyDataOfUnknownSession", Raw(0, ""), {}},
-        Spoken{"DataOfUnknownSession",
-               Raw(0, "x"),
-               {"[TunnelClient:224] Received data for unknown session 0123456789abcdef"}}),
-    [](const auto& row) { return std::string(row.param.name); });
+const Spoken survived[] = {
+    Spoken{"NotJson",
+           Raw(3, "hello"),
+           {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
+    Spoken{"Empty",
+           Raw(3, ""),
+           {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
+    Spoken{"DuplicateKey",
+           Raw(3, R"({"a":1,"a":2})"),
+           {"[TunnelClient:337] Failed to parse server message: Key conflict"}},
+    Spoken{
+        "EmptyKey", Raw(3, R"({"":1})"), {"[TunnelClient:337] Failed to parse server message: Missing key"}},
+    Spoken{"BracketsAsDeepAsAFrame",
+           Raw(3, std::string(131072, '[')),
+           {"[TunnelClient:337] Failed to parse server message: Input is not a valid object"}},
+    Spoken{"NestedPairs",
+           Raw(3, "{\"a\":" + std::string(65530, '[') + std::string(65530, ']') + "}"),
+           {"[TunnelClient:251] Missing method in server message"}},
+    Spoken{"AnArray", Raw(3, "[]"), {"[TunnelClient:251] Missing method in server message"}},
+    Spoken{"MethodIsANumber",
+           Raw(3, R"({"method":5,"sign":"x"})"),
+           {"[TunnelClient:251] Missing method in server message"}},
+    Spoken{
+        "NoSign", Raw(3, R"({"method":"message"})"), {"[TunnelClient:266] Missing sign: in server message"}},
+    Spoken{"SignIsANumber",
+           Raw(3, R"({"method":"message","sign":1})"),
+           {"[TunnelClient:266] Missing sign: in server message"}},
+    Spoken{"NoTimestamp",
+           Raw(3, R"({"method":"message","sign":"x"})"),
+           {"[TunnelClient:341] Invalid JSON key: timestamp"}},
+    Spoken{"UnknownMethod", Signed(R"({"method":"dance"})"), {}},
+    Spoken{"MessageMissing",
+           Signed(R"({"method":"message"})"),
+           {"[TunnelClient:279] Missing \"message\" field"}},
+    Spoken{"MessageIsANumber", Signed(R"({"method":"message","message":7})"), {}},
+    Spoken{"Conflict",
+           Signed(R"({"method":"conflict"})"),
+           {"[TunnelClient:332] Device was already connected to server, disconnecting other client"}},
+    Incomplete("NewSessionWithoutSession", R"({"method":"new_session","localPort":1})",
+               "[TunnelClient:289] Incomplete new_session request: "),
+    Incomplete("NewSessionWithoutPort", R"({"method":"new_session","session":"s"})",
+               "[TunnelClient:289] Incomplete new_session request: "),
+    Incomplete("NewSessionPortIsTrue", R"({"method":"new_session","session":"s","localPort":true})",
+               "[TunnelClient:289] Incomplete new_session request: "),
+    Incomplete("NewSessionSessionIsANumber", R"({"method":"new_session","session":1,"localPort":1})",
+               "[TunnelClient:289] Incomplete new_session request: "),
+    Incomplete("EndSessionWithoutSession", R"({"method":"end_session"})",
+               "[TunnelClient:318] Incomplete end_session request: "),
+    Spoken{"EndOfUnknownSession",
+           Signed(R"({"method":"end_session","session":"s"})"),
+           {"[TunnelClient:328] Session s not found"}},
+    Spoken{"Heartbeat", Raw(1, ""), {}},
+    Spoken{"TypeTwo", Raw(2, "whatever"), {}},
+    Spoken{"UnknownType", Raw(9, "x"), {"[TunnelClient:238] Unknown message type 9"}},
+    Spoken{"LargestPayload",
+           Raw(255, std::string(131072, 'x')),
+           {"[TunnelClient:238] Unknown message type 255"}},
+    Spoken{"EmptyDataOfUnknownSession", Raw(0, ""), {}},
+    Spoken{"DataOfUnknownSession",
+           Raw(0, "x"),
+           {"[TunnelClient:224] Received data for unknown session 0123456789abcdef"}}};
+
+INSTANTIATE_TEST_SUITE_P(Control, SurvivesMessages, testing::ValuesIn(survived),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 // What ends a connection, with the whole log of it: the line of the cause, the delayed close and what it
 // brings.
@@ -143,19 +144,6 @@ auto Bytes(const std::string& bytes) {
 INSTANTIATE_TEST_SUITE_P(
     Causes, EndsTheConnection,
     testing::Values(
-        Spoken{"Silence",
-               [](lab::Connection& agent) { agent.ReadToEnd(); },
-               {timeout, closing,
-                "[TunnelClient:168] ListenToTunnelServer - read header: (125) Operation aborted."}},
-        Spoken{"EndBeforeAnyFrame",
-               Bytes(""),
-               {"[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file", closing, timeout}},
-        Spoken{"EndInsideAHeader",
-               Bytes("\x03\0\0\0\x05"s),
-               {"[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file", closing, timeout}},
-        Spoken{"EndInsideAPayload",
-               Bytes("\x03\0\0\0\x05"s + "0000000000000000" + "four"),
-               {"[TunnelClient:193] ListenToTunnelServer - read data: (2) End of file", closing, timeout}},
         Spoken{"OneByteTooLong",
                Bytes("\x03\0\x02\0\x01"s + "0000000000000000" + "not read"),
                {"[TunnelClient:178] Tunnel message size too large: 131073", closing, timeout}},
@@ -170,16 +158,6 @@ INSTANTIATE_TEST_SUITE_P(
                {"[TunnelClient:259] Message signature mismatch: 0, 7CE9ADCE4793965D9571BDB8F822BCA8",
                 "[TunnelClient:260] Failed to verify server message", closing, timeout}}),
     [](const auto& row) { return std::string(row.param.name); });
-
-TEST(TunnelClientTest, FindsAResetInReadingOrWriting) {
-    const auto log = RunTunnel({[](lab::Connection& agent) {
-        lab::ReadControl(agent);
-        agent.Reset();
-    }});
-    EXPECT_EQ(
-        Count(log, "[TunnelClient:168] ListenToTunnelServer - read header: (104) Connection reset by peer"),
-        1U);
-}
 
 // What a server can say that ends the whole run: the cycle logs it and registers again.
 struct Fatal {
@@ -296,15 +274,90 @@ TEST(TunnelClientTest, ServesThreeConnectionsAndReturns) {
     EXPECT_EQ(log.Lines(), expected);
 }
 
-TEST(TunnelClientTest, GivesUpOnAServerThatCannotBeResolved) {
-    support::LogCapture log(logError);
-    TunnelConfig config = QuickConfig(1);
-    config.serverHost = "not a host name";
-    TunnelClient(config, QuickDelays()).Run();
-    const Lines lines = log.Texts();
-    ASSERT_EQ(lines.size(), 6U);
-    EXPECT_THAT(lines[0], testing::StartsWith("Failed to resolve server: ("));
-    EXPECT_EQ(lines[1], "Tunnel reconnecting...");
+TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
+    TunnelConfig config = QuickConfig(lab::ScriptedServer({}).Port());
+    for (const char* failure :
+         {"Failed to connect: (111) Connection refused", "Failed to resolve server: ("}) {
+        support::LogCapture log(logError);
+        TunnelClient(config, QuickDelays()).Run();
+        const Lines lines = log.Texts();
+        ASSERT_EQ(lines.size(), 6U);
+        for (const std::size_t attempt : {0U, 2U, 4U})
+            EXPECT_THAT(lines[attempt], testing::StartsWith(failure));
+        EXPECT_EQ(lines[1] + lines[3], "Tunnel reconnecting...Tunnel reconnecting...");
+        EXPECT_EQ(lines[5], "Too many reconnects, will restart discovery");
+        config.serverHost = "not a host name";
+    }
+}
+
+// Everything that a tunnel and its sessions have to say, but for what other tests see at level "error" and
+// what cannot happen.
+Lines SayEverything(int level) {
+    const lab::Conversation talk = [](lab::Connection& peer) { peer.Write(std::string(30000000, 'x')); };
+    const lab::Conversation listen = [](lab::Connection& peer) { peer.ReadToEnd(); };
+    const lab::Conversation hangUp = [](lab::Connection& peer) { peer.Read(4); };
+    lab::ScriptedServer services({listen, hangUp}), talker({talk}), other({talk});
+    const auto everything = [&](lab::Connection& agent) {
+        Accept(agent);
+        for (const Spoken& row : survived) row.say(agent);
+        NewSession(agent, lab::ScriptedServer({}).Port(), "refused-00000000");
+        lab::WriteFrame(agent, {0, "refused-00000000", "not sent"});
+        NewSession(agent, services.Port());
+        Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})");
+        Listen(agent, 1);
+        NewSession(agent, services.Port(), "hangs-up-0000000");
+        lab::WriteFrame(agent, {0, "hangs-up-0000000", "sent"});
+        Listen(agent, 1);
+        NewSession(agent, talker.Port(), "short");
+        NewSession(agent, other.Port(), "talks-0000000000");
+        for (std::set<std::string> heard; heard.size() < 2;) {
+            const lab::Frame frame = lab::ReadFrame(agent);
+            if (frame.type == 0) heard.insert(frame.session);
+        }
+        agent.Write("\3\0\0\0\1"s + "0000000000000000");
+        HangUp(agent);
+    };
+    const auto forged = [](lab::Connection& agent) {
+        lab::WriteFrame(agent, {3, "", R"({"method":"x","timestamp":1,"sign":"x"})"});
+        agent.ReadToEnd();
+    };
+    Delays delays = QuickDelays();
+    delays.verificationLimit = 50ms;
+    delays.tunnelClose = 10ms;
+    delays.second = 1ms;
+    const auto tooLong = Bytes("\3\xFF\xFF\xFF\xFF"s + "0000000000000000");
+    return RunTunnel({everything, forged, tooLong}, level, delays);
+}
+
+/// What a line is known by: its number, or where that is the line of the call, the end of its text.
+std::string Kind(const std::string& line) {
+    if (line.rfind("[TunnelClient:", 0) == 0) return line.substr(14, line.find(']') - 14);
+    return std::regex_replace(line,
+                              std::regex(R"(^.*\] |[:,]? ?\(.*|(,|for)? ?[Ss]ession [\w-]+,? ?|:? \d+)"), "");
+}
+
+TEST(TunnelClientTest, GivesEachLineItsLevel) {
+    std::map<std::string, int> levels;  // the lowest threshold at which it is written
+    for (int level = logError; level <= logVerbose; ++level)
+        for (const std::string& line : SayEverything(level)) levels.emplace(Kind(line), level);
+    std::map<int, std::set<std::string>> kinds;
+    for (const auto& [kind, level] : levels) kinds[level].insert(kind);
+    EXPECT_EQ(kinds,
+              (std::map<int, std::set<std::string>>{
+                  {logError,
+                   {"45", "50", "122", "178", "193", "224", "238", "251", "260", "266", "289", "318", "337",
+                    "341", "411", "ServiceConnection::Connect"}},
+                  {logWarning, {"279"}},
+                  {logInfo, {"98", "270", "283", "332", "445", "448"}},
+                  {logDebug,
+                   {"147", "259", "305", "323", "328", "362", "424", "ServiceConnection::ListenToService",
+                    "pausing listening to service", "resume sending to service", "nothing to send, pausing",
+                    "Closingsocket after timer delay", "Stoppingafter timer delay"}},
+                  {logVerbose,
+                   {"107", "115", "162", "175", "214", "309", "348", "354", "392", "415", "436",
+                    "listening to service", "received bytes from service", "pending uploads",
+                    "sent bytes to service", "ServiceConnection::Stop", "ListenToService error with stopFlag",
+                    "SendAsync error with stopFlag"}}}));
 }
 
 // The figures that a device runs with; everywhere else tests shorten them.
