@@ -34,7 +34,7 @@ scripts/setup.sh build fuzz
 # Quick, but with its assertions.
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG='-O1 -g' \
     -DSANITIZE=address,undefined,fuzzer-no-link -DFUZZ=ON -DBUILD_LAB=OFF -DBUILD_TESTS=OFF
-cmake --build build/fuzz --target fuzz
+cmake --build build/fuzz --target "${targets[@]/#/fuzz_}"
 export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-14
 # What is freed is kept back for long enough to see it used, and counts as memory: less than the usual 256 MiB.
 export ASAN_OPTIONS=quarantine_size_mb=32
@@ -58,8 +58,8 @@ for target in "${targets[@]}"; do
     fuzz "$target" || failed+=("$target")
 done
 if ((${#failed[@]} > 0)); then
-    echo "fuzz: FINDINGS in ${failed[*]}, see build/fuzz/findings" >&2
-    ls -1t build/fuzz/findings >&2
+    echo "fuzz: FINDINGS in ${failed[*]}; what was found, the latest first:" >&2
+    ls -1t build/fuzz/findings/* >&2
     exit 1
 fi
 echo "fuzz: nothing found"
