@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <array>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -17,8 +18,12 @@ TunnelClient::TunnelClient(const TunnelConfig& tunnelConfig, const Delays& fixed
     : config(tunnelConfig), delays(fixedDelays) {}
 
 void TunnelClient::Run() {
+    CheckTimers();
     for (int attempts = 1; !shutdown; ++attempts) {
         Connect();
+        // The kernel may refuse to watch the descriptor by which the resolver's thread wakes this one, and
+        // asio does not say so. Nothing else comes from another thread.
+        while (resolving) ioContext.run_one_for(glance);
         ioContext.run();
         if (attempts == maxConnections) {
             LogWrite("TunnelClient", 45, logError, "Too many reconnects, will restart discovery");
@@ -28,6 +33,15 @@ void TunnelClient::Run() {
         std::this_thread::sleep_for(Seconds(config.tunnelReconnectSeconds));
         LogWrite("TunnelClient", 50, logError, "Tunnel reconnecting...");
     }
+}
+
+// asio does not say either when the kernel refuses to watch its timers, and a tunnel without them would never
+// end.
+void TunnelClient::CheckTimers() {
+    closeTimer.expires_after(std::chrono::milliseconds(20));
+    closeTimer.async_wait([](std::error_code) {});
+    if (ioContext.run_one_for(glance) == 0) throw std::runtime_error("The event loop has no timers");
+    ioContext.restart();
 }
 
 // Configured seconds are widened without their sign: -1 is 4294967295 seconds, as it has always been.
@@ -40,6 +54,7 @@ std::chrono::milliseconds TunnelClient::Seconds(std::int32_t count) const {
 void TunnelClient::Connect() {
     verified = false;
     stopping = false;
+    resolving = true;
     sendQueue.clear();
     sessions.clear();
     LogWrite("TunnelClient", 98, logInfo, "Connecting to tunnel server %s:%d", config.serverHost.c_str(),
@@ -49,6 +64,7 @@ void TunnelClient::Connect() {
 }
 
 void TunnelClient::OnResolved(std::error_code error, const tcp::resolver::results_type& endpoints) {
+    resolving = false;
     if (error) {
         LogWrite("TunnelClient", 104, logError, "Failed to resolve server: (%d) %s", error.value(),
                  error.message().c_str());

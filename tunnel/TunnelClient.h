@@ -41,11 +41,13 @@ public:
     /// now and then.
     /// @throws whatever a handler throws: std::invalid_argument or std::out_of_range for a "localPort" that
     /// is no
-    ///         number, std::system_error for a "localHost" that is no numeric address
+    ///         number, std::runtime_error when the kernel has no timers for us, std::system_error for a
+    ///         "localHost" that is no numeric address
     void Run();
 
 private:
     static constexpr int maxConnections = 3;
+    static constexpr std::chrono::seconds glance{1};
 
     // A handler that calls `method` with the operation's results. The loop dies with this object, so `this`
     // is safe.
@@ -55,6 +57,7 @@ private:
     }
 
     // The connection
+    void CheckTimers();
     void Connect();
     void OnResolved(std::error_code error, const asio::ip::tcp::resolver::results_type& endpoints);
     void OnConnected(std::error_code error, const asio::ip::tcp::endpoint&);
@@ -98,9 +101,10 @@ private:
 
     TunnelConfig config;
     Delays delays;
-    bool shutdown = false;  // ends Run and the heartbeats; nothing in the agent sets it yet
-    bool stopping = false;  // Stop has run for this connection
-    bool verified = false;  // a good signature has arrived on this connection; independent of stopping
+    bool shutdown = false;   // ends Run and the heartbeats; nothing in the agent sets it yet
+    bool stopping = false;   // Stop has run for this connection
+    bool resolving = false;  // the resolver has not answered yet
+    bool verified = false;   // a good signature has arrived on this connection; independent of stopping
     asio::io_context ioContext{1};  // one thread runs it (the resolver's own thread only posts to it)
     asio::ip::tcp::resolver resolver{ioContext};
     asio::steady_timer verificationTimer{ioContext};
