@@ -36,6 +36,12 @@ struct Watch {
 };
 std::map<int, Watch> watches;
 
+int FirstFree() {
+    const int descriptor = dup(STDOUT_FILENO);
+    close(descriptor);
+    return descriptor;
+}
+
 int Refuse() {
     errno = ECONNREFUSED;
     return -1;
@@ -60,7 +66,7 @@ void Require(bool condition, const char* promise) {
 }
 
 SealedWorld::SealedWorld(Directory whoAnswers, std::size_t piece)
-    : directory(std::move(whoAnswers)), pieceBytes(std::max<std::size_t>(piece, 1)) {
+    : directory(std::move(whoAnswers)), pieceBytes(std::max<std::size_t>(piece, 1)), firstFree(FirstFree()) {
     world = this;
 }
 
@@ -68,6 +74,7 @@ SealedWorld::~SealedWorld() {
     world = nullptr;
     watches.clear();
     for (const int peer : peers) close(peer);
+    Require(FirstFree() == firstFree, "descriptors are closed");
 }
 
 int SealedWorld::Connect(int socket, std::uint16_t port) {

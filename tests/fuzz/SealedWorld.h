@@ -36,7 +36,7 @@ class SealedWorld {
 public:
     /// @param piece how many bytes one read returns at most, at least 1
     explicit SealedWorld(Directory whoAnswers, std::size_t piece = SIZE_MAX);
-    ~SealedWorld();
+    ~SealedWorld();  ///< requires that every descriptor opened meanwhile has been closed
     SealedWorld(const SealedWorld&) = delete;
     SealedWorld& operator=(const SealedWorld&) = delete;
 
@@ -48,6 +48,7 @@ public:
 private:
     Directory directory;
     std::size_t pieceBytes;
+    int firstFree;  // descriptor
     std::vector<int> peers;
     std::string heard;
 };
