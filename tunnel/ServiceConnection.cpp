@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "log/Log.h"
+#include "tunnel/WholeFrame.h"
 
 namespace nox::tunnel_client {
 
@@ -100,7 +101,8 @@ void ServiceConnection::QueueData(std::string payload) {
 void ServiceConnection::SendAsync() {
     if (failed) return;
     link->current = std::move(serviceQueue.front());
-    asio::async_write(link->socket, asio::buffer(link->current), Weakly(&ServiceConnection::OnSent));
+    asio::async_write(link->socket, asio::buffer(link->current), WholeFrame,
+                      Weakly(&ServiceConnection::OnSent));
 }
 
 void ServiceConnection::OnSent(std::error_code error, std::size_t size) {

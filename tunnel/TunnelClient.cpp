@@ -1,14 +1,16 @@
 #include "tunnel/TunnelClient.h"
 
 #include <malloc.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <array>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 
 #include "log/Log.h"
 #include "tunnel/MessageSigning.h"
+#include "tunnel/WholeFrame.h"
 
 namespace nox::tunnel_client {
 
@@ -18,7 +20,6 @@ TunnelClient::TunnelClient(const TunnelConfig& tunnelConfig, const Delays& fixed
     : config(tunnelConfig), delays(fixedDelays) {}
 
 void TunnelClient::Run() {
-    CheckTimers();
     for (int attempts = 1; !shutdown; ++attempts) {
         Connect();
         // The kernel may refuse to watch the descriptor by which the resolver's thread wakes this one, and
@@ -33,15 +34,6 @@ void TunnelClient::Run() {
         std::this_thread::sleep_for(Seconds(config.tunnelReconnectSeconds));
         LogWrite("TunnelClient", 50, logError, "Tunnel reconnecting...");
     }
-}
-
-// asio does not say either when the kernel refuses to watch its timers, and a tunnel without them would never
-// end.
-void TunnelClient::CheckTimers() {
-    closeTimer.expires_after(std::chrono::milliseconds(20));
-    closeTimer.async_wait([](std::error_code) {});
-    if (ioContext.run_one_for(glance) == 0) throw std::runtime_error("The event loop has no timers");
-    ioContext.restart();
 }
 
 // Configured seconds are widened without their sign: -1 is 4294967295 seconds, as it has always been.
@@ -89,6 +81,16 @@ void TunnelClient::OnConnected(std::error_code error, const tcp::endpoint&) {
     verificationTimer.expires_after(delays.verificationLimit);
     verificationTimer.async_wait(Handler(&TunnelClient::OnVerificationTimer));
     asio::post(ioContext, Handler(&TunnelClient::ListenToTunnelServer));
+}
+
+// Without these options everything still works, so their failure is no error. A small frame must not wait for the
+// acknowledgement of the one before. And on a slow uplink the kernel would take megabytes of an upload, seconds ahead
+// of the line, for every other session to queue behind; so it gets little more than it can send.
+void TunnelClient::TuneSocket() {
+    std::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &maxUnsentBytes,
+               sizeof maxUnsentBytes);
 }
 
 // Never cancelled: a connection lasts at least as long as this timer.
@@ -140,7 +142,7 @@ void TunnelClient::OnHeader(std::error_code error, std::size_t) {
     incoming.type = header.type;
     incoming.session = header.session;
     incoming.data.resize(header.length);
-    asio::async_read(socket, asio::buffer(incoming.data), Handler(&TunnelClient::OnPayload));
+    asio::async_read(socket, asio::buffer(incoming.data), WholeFrame, Handler(&TunnelClient::OnPayload));
 }
 
 void TunnelClient::OnPayload(std::error_code error, std::size_t size) {

@@ -39,28 +39,26 @@ public:
     /// Serves three connections, one after the other, and returns when the last has ended. The count is never
     /// reset: a connection that served for days counts like one that was refused, so registration is renewed
     /// now and then.
-    /// @throws whatever a handler throws: std::invalid_argument or std::out_of_range for a "localPort" that
-    /// is no
-    ///         number, std::runtime_error when the kernel has no timers for us, std::system_error for a
-    ///         "localHost" that is no numeric address
+    /// @throws whatever a handler throws: std::invalid_argument or std::out_of_range for a "localPort" that is
+    ///         no number, std::system_error for a "localHost" that is no numeric address
     void Run();
 
 private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
+    static constexpr int maxUnsentBytes = 32768;  // two frames: one leaves while the next is fetched
 
-    // A handler that calls `method` with the operation's results. The loop dies with this object, so `this`
-    // is safe.
+    // A handler that calls `method` with the operation's results; `this` is safe, the loop dies with it.
     template <typename Method>
     auto Handler(Method method) {
         return [this, method](auto&&... results) { (this->*method)(results...); };
     }
 
     // The connection
-    void CheckTimers();
     void Connect();
     void OnResolved(std::error_code error, const asio::ip::tcp::resolver::results_type& endpoints);
     void OnConnected(std::error_code error, const asio::ip::tcp::endpoint&);
+    void TuneSocket();
     void OnVerificationTimer(std::error_code);
     void Stop();
     void OnCloseDelayOver(std::error_code);
