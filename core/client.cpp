@@ -22,9 +22,10 @@ int main(int argc, char* argv[]) {
         return 1;
     }
 
-    // Whoever reads our log through a pipe may hang up; that must not end the agent. (Sockets never raise
-    // it.)
+    // A log that cannot be written must not end the agent, be it that whoever reads it through a pipe hung up or
+    // that a limit on the size of files was reached. (Sockets raise neither.)
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     LogStart(log.path.empty() ? nullptr : log.path.c_str(), log.level, 1);
     LogWrite("client", 196, logInfo, "Tunnel client version: %s", TUNNEL_CLIENT_VERSION);
 
