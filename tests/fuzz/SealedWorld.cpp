@@ -17,6 +17,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <iterator>
 #include <map>
 #include <utility>
 
@@ -36,11 +38,7 @@ struct Watch {
 };
 std::map<int, Watch> watches;
 
-int FirstFree() {
-    const int descriptor = dup(STDOUT_FILENO);
-    close(descriptor);
-    return descriptor;
-}
+long OpenDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 int Refuse() {
     errno = ECONNREFUSED;
@@ -66,7 +64,9 @@ void Require(bool condition, const char* promise) {
 }
 
 SealedWorld::SealedWorld(Directory whoAnswers, std::size_t piece)
-    : directory(std::move(whoAnswers)), pieceBytes(std::max<std::size_t>(piece, 1)), firstFree(FirstFree()) {
+    : directory(std::move(whoAnswers)),
+      pieceBytes(std::max<std::size_t>(piece, 1)),
+      openBefore(OpenDescriptors()) {
     world = this;
 }
 
@@ -74,7 +74,7 @@ SealedWorld::~SealedWorld() {
     world = nullptr;
     watches.clear();
     for (const int peer : peers) close(peer);
-    Require(FirstFree() == firstFree, "descriptors are closed");
+    Require(OpenDescriptors() == openBefore, "descriptors are closed");
 }
 
 int SealedWorld::Connect(int socket, std::uint16_t port) {

@@ -48,7 +48,7 @@ public:
 private:
     Directory directory;
     std::size_t pieceBytes;
-    int firstFree;  // descriptor
+    long openBefore;  // descriptors
     std::vector<int> peers;
     std::string heard;
 };
