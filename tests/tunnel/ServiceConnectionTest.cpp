@@ -180,8 +180,10 @@ class ServiceConnectionDropped : public ServiceConnectionTest, public testing::W
 TEST_P(ServiceConnectionDropped, DoesNothingMore) {
     bool ended = false;
     lab::ScriptedServer service({[&](lab::Connection& peer) {
-        peer.Write(std::string(1000000, 's'));
-        peer.Read(GetParam().reachedWith == nullptr ? 0 : 1);
+        try {
+            peer.Write(std::string(1000000, 's'));
+        } catch (const std::system_error&) {  // let go of before all of it was on its way
+        }
         peer.ReadToEnd();
         ended = true;
     }});

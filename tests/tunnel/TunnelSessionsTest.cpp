@@ -143,12 +143,7 @@ TEST(TunnelSessionsTest, ReportAServiceThatRefuses) {
                   logVerbose);
     EXPECT_EQ(heard.control, (Lines{R"({"method":"connected-session","session":"s")",
                                     R"({"method":"disconnect-session","session":"s")"}));
-    for (const char* line : {"[TunnelClient:309] Sending connected-session message for s",
-                             "[TunnelClient:348] Service connection failed: s",
-                             "[TunnelClient:354] Sending disconnect-session message for s",
-                             "[TunnelClient:362] Removing stopped session s"}) {
-        EXPECT_EQ(Count(log, line), 1U) << line;
-    }
+    EXPECT_EQ(Count(log, "[TunnelClient:348] Service connection failed: s"), 1U);
 }
 
 TEST(TunnelSessionsTest, NeedAnIdOfSixteenCharactersForData) {
@@ -210,14 +205,18 @@ TEST(TunnelSessionsTest, WaitForAServerThatDoesNotRead) {
         peer.ReadToEnd();
     }});
     std::size_t bytes = 0;
-    const auto log = RunTunnel({[&](lab::Connection& agent) {
-                                   Accept(agent);
-                                   NewSession(agent, service.Port());
-                                   std::this_thread::sleep_for(100ms);
-                                   while (bytes < 30000000) bytes += lab::ReadFrame(agent).payload.size();
-                                   HangUp(agent);
-                               }},
-                               logDebug);
+    const auto log =
+        RunTunnel({[&](lab::Connection& agent) {
+                      Accept(agent);
+                      NewSession(agent, service.Port());
+                      for (std::size_t waiting = 0; waiting != agent.Socket().available() || waiting == 0;) {
+                          waiting = agent.Socket().available();
+                          std::this_thread::sleep_for(100ms);  // until no more arrives
+                      }
+                      while (bytes < 30000000) bytes += lab::ReadFrame(agent).payload.size();
+                      HangUp(agent);
+                  }},
+                  logDebug);
     EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& line) {
         return line.find("pausing listening to service") != std::string::npos;
     }));
