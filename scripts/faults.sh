@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Makes each single call that the agent makes of the system fail once, one run of the agent for each: connections,
+# reads, files, threads, memory. The agent must live on, keep nothing, and serve again.
+#
+# Usage: scripts/faults.sh [--preset NAME] [--step N] [FUNCTION...]
+#   --preset NAME  one of CMakePresets.json: debug (the default), release, asan
+#   --step N       of the memory functions, which are called by the thousand, only every N-th call (default 1)
+#   FUNCTION       only these, as "connect" or "new"; without any, all that the tests know
+#
+# Builds first, in build/NAME. The exit status is 0 when the agent survived everything.
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/faults.sh; }
+refuse() { echo "faults.sh: $1, see --help" >&2; exit 2; }
+
+preset=debug
+step=1
+functions=()
+while (($# > 0)); do
+    case $1 in
+        -h | --help) usage; exit 0 ;;
+        --preset) (($# > 1)) || refuse "--preset wants a name"; preset=$2; shift ;;
+        --step) [[ ${2:-} =~ ^[1-9][0-9]*$ ]] || refuse "--step wants a number"; step=$2; shift ;;
+        -*) refuse "unknown option '$1'" ;;
+        *) functions+=("$1") ;;
+    esac
+    shift
+done
+[[ $preset =~ ^(debug|release|asan)$ ]] || refuse "unknown preset '$preset'"
+
+scripts/setup.sh build test
+cmake --preset "$preset" -DBUILD_LAB=ON -DBUILD_TESTS=ON
+cmake --build --preset "$preset" --target faults_tests
+program=build/$preset/tests/faults/faults_tests
+if ((${#functions[@]} == 0)); then
+    mapfile -t functions < <("$program" --gtest_filter='*AgentOutlives*' --gtest_list_tests | sed -n 's,^  .*/\(\w*\).*,\1,p')
+fi
+
+# A run waits more than it works, so several go at once: lane K of the lanes takes calls K, K + lanes, ...
+lanes=8
+logs=$(mktemp -d)
+trap 'rm -rf "$logs"' EXIT
+status=0
+for function in "${functions[@]}"; do
+    case $function in malloc | calloc | realloc | new) stride=$((lanes * step)) ;; *) stride=$lanes ;; esac
+    pids=()
+    for ((lane = 0; lane < lanes; lane++)); do
+        FAIL_FIRST=$((1 + lane * stride / lanes)) FAIL_STEP=$stride \
+            "$program" --gtest_filter="*AgentOutlives*/$function" >"$logs/$function-$lane" 2>&1 &
+        pids+=($!)
+    done
+    verdict=survived
+    for ((lane = 0; lane < lanes; lane++)); do
+        wait "${pids[lane]}" || { verdict=FAILED; status=1; cat "$logs/$function-$lane"; }
+    done
+    printf 'faults: %-14s %5d faults, %s\n' "$function" \
+        "$(sed -n 's/^.*: \([0-9]*\) faults, .*/\1/p' "$logs/$function"-* | awk '{ sum += $1 } END { print sum + 0 }')" "$verdict"
+done
+exit "$status"

@@ -1,0 +1,150 @@
+// Preloaded into the agent: makes one chosen call of one chosen function fail.
+//
+//   FAIL_CALL   the function's name; "new" stands for operator new and the aligned allocations of the event
+//   loop FAIL_AT     which call fails, counted from 1 once the process is set up, before main FAIL_ERRNO  the
+//   error's number, returned itself by those functions that return one (getaddrinfo, pthread_*)
+//
+// "time" does not fail: from that reading on the wall clock is a day behind. The moment is announced on
+// standard error. SIGTERM ends the process in order, so that a leak checker gets its turn.
+#include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+namespace {
+
+const char* chosen = nullptr;
+long failAt = 0;
+int failErrno = 0;
+std::atomic<long> calls{0};
+
+__attribute__((constructor)) void ReadOrders() {
+    std::signal(SIGTERM, [](int) { std::exit(0); });
+    const char* at = std::getenv("FAIL_AT");
+    const char* number = std::getenv("FAIL_ERRNO");
+    failAt = at != nullptr ? std::atol(at) : 0;
+    failErrno = number != nullptr ? std::atoi(number) : 0;
+    chosen = std::getenv("FAIL_CALL");  // last: from here on calls count
+}
+
+bool CallsFrom(const char* file, const void* caller) {
+    Dl_info from{};
+    return dladdr(caller, &from) != 0 && std::strstr(from.dli_fname, file) != nullptr;
+}
+
+bool IsChosen(const char* name) { return chosen != nullptr && std::strcmp(name, chosen) == 0; }
+
+// libfaketime, which tests preload beside this, cannot do without: its own calls are not counted.
+bool Due(const char* name, const void* caller) {
+    if (!IsChosen(name) || CallsFrom("faketime", caller) || ++calls != failAt) return false;
+    constexpr char announcement[] = "the chosen call fails\n";
+    syscall(SYS_write, STDERR_FILENO, announcement, sizeof announcement - 1);
+    errno = failErrno;
+    return true;
+}
+
+template <typename Function>
+Function* Next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+bool ClockIsBehind() { return IsChosen("time") && calls >= failAt; }
+constexpr std::time_t day = 86400;
+
+}  // namespace
+
+// name(parameters) returns `failure` when it is its turn; otherwise it is the real function.
+#define FAILS_WITH(failure, result, name, parameters, arguments)                     \
+    extern "C" result name parameters {                                              \
+        static auto* const next = Next<result parameters>(#name);                    \
+        return Due(#name, __builtin_return_address(0)) ? (failure) : next arguments; \
+    }
+#define FAILS(name, parameters, arguments) FAILS_WITH(-1, int, name, parameters, arguments)
+#define FAILS_TO_MOVE(name, parameters, arguments) FAILS_WITH(-1, ssize_t, name, parameters, arguments)
+#define RETURNS_NUMBER(name, parameters, arguments) FAILS_WITH(failErrno, int, name, parameters, arguments)
+#define GIVES_NULL(name, parameters, arguments) FAILS_WITH(nullptr, void*, name, parameters, arguments)
+
+// Sockets. The headers that declare these are left out: types as they are passed will do.
+FAILS(socket, (int a, int b, int c) noexcept, (a, b, c))
+FAILS(socketpair, (int a, int b, int c, int* d) noexcept, (a, b, c, d))
+FAILS(connect, (int a, const void* b, unsigned c), (a, b, c))
+FAILS(getsockname, (int a, void* b, unsigned* c) noexcept, (a, b, c))
+FAILS(getpeername, (int a, void* b, unsigned* c) noexcept, (a, b, c))
+FAILS(getsockopt, (int a, int b, int c, void* d, unsigned* e) noexcept, (a, b, c, d, e))
+FAILS(setsockopt, (int a, int b, int c, const void* d, unsigned e) noexcept, (a, b, c, d, e))
+FAILS(ioctl, (int a, unsigned long b, void* c) noexcept, (a, b, c))
+FAILS(fcntl, (int a, int b, void* c), (a, b, c))
+FAILS_TO_MOVE(send, (int a, const void* b, std::size_t c, int d), (a, b, c, d))
+FAILS_TO_MOVE(sendmsg, (int a, const void* b, int c), (a, b, c))
+FAILS_TO_MOVE(recv, (int a, void* b, std::size_t c, int d), (a, b, c, d))
+RETURNS_NUMBER(getaddrinfo, (const char* a, const char* b, const void* c, void** d), (a, b, c, d))
+// Waiting, threads, files.
+FAILS(poll, (void* a, unsigned long b, int c), (a, b, c))
+FAILS(epoll_create1, (int a) noexcept, (a))
+FAILS(epoll_wait, (int a, void* b, int c, int d), (a, b, c, d))
+FAILS(eventfd, (unsigned a, int b) noexcept, (a, b))
+FAILS(timerfd_create, (int a, int b) noexcept, (a, b))
+RETURNS_NUMBER(pthread_create, (unsigned long* a, const void* b, void* (*c)(void*), void* d) noexcept,
+               (a, b, c, d))
+GIVES_NULL(fopen, (const char* a, const char* b), (a, b))
+GIVES_NULL(fopen64, (const char* a, const char* b), (a, b))
+// Memory.
+GIVES_NULL(calloc, (std::size_t a, std::size_t b) noexcept, (a, b))
+GIVES_NULL(realloc, (void* a, std::size_t b) noexcept, (a, b))
+
+// "new" is what the agent's own code asks for, whether or not the C++ library is linked into it; "malloc"
+// what the libraries ask for.
+extern "C" void* malloc(std::size_t size) noexcept {
+    static auto* const next = Next<void*(std::size_t)>("malloc");
+    const void* const caller = __builtin_return_address(0);
+    const bool counts = IsChosen("new") || IsChosen("malloc");
+    return counts && Due(CallsFrom("tunnel-client", caller) ? "new" : "malloc", caller) ? nullptr
+                                                                                        : next(size);
+}
+
+extern "C" void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
+    static auto* const next = Next<void*(std::size_t, std::size_t)>("aligned_alloc");
+    return Due("new", __builtin_return_address(0)) ? nullptr : next(alignment, size);
+}
+
+void* operator new(std::size_t size) {
+    static auto* const next = Next<void*(std::size_t)>("_Znwm");
+    if (Due("new", __builtin_return_address(0))) throw std::bad_alloc();
+    return next(size);
+}
+
+// Only adding takes kernel memory, so only adding can fail for a program that makes no mistakes.
+extern "C" int epoll_ctl(int a, int operation, int c, void* d) noexcept {
+    static auto* const next = Next<int(int, int, int, void*)>("epoll_ctl");
+    constexpr int add = 1;
+    return operation == add && Due("epoll_ctl", __builtin_return_address(0)) ? -1 : next(a, operation, c, d);
+}
+
+// A close that reports an error has closed all the same.
+extern "C" int close(int descriptor) {
+    static auto* const next = Next<int(int)>("close");
+    const int result = next(descriptor);
+    return Due("close", __builtin_return_address(0)) ? -1 : result;
+}
+
+extern "C" std::time_t time(std::time_t* result) noexcept {
+    static auto* const next = Next<std::time_t(std::time_t*)>("time");
+    Due("time", __builtin_return_address(0));
+    const std::time_t now = next(nullptr) - (ClockIsBehind() ? day : 0);
+    if (result != nullptr) *result = now;
+    return now;
+}
+
+extern "C" int clock_gettime(clockid_t clock, std::timespec* result) noexcept {
+    static auto* const next = Next<int(clockid_t, std::timespec*)>("clock_gettime");
+    const int outcome = next(clock, result);
+    if (clock == CLOCK_REALTIME && ClockIsBehind()) result->tv_sec -= day;
+    return outcome;
+}
