@@ -7,9 +7,6 @@ target_include_directories(asio SYSTEM PUBLIC ${ASIO_INCLUDE_DIR})
 target_compile_definitions(asio PUBLIC ASIO_STANDALONE ASIO_SEPARATE_COMPILATION ASIO_NO_DEPRECATED
   # Otherwise whether asio uses std::aligned_alloc depends on what a unit includes before it, and one unit would free
   # with delete what another got from malloc.
-  ASIO_DISABLE_STD_ALIGNED_ALLOC
-  # Timers by epoll's own time-out: asio would not notice when the kernel refuses to watch a descriptor for them, and
-  # the tunnel would wait for ever.
-  ASIO_DISABLE_TIMERFD)
+  ASIO_DISABLE_STD_ALIGNED_ALLOC)
 target_compile_options(asio PRIVATE -w)
 target_link_libraries(asio PUBLIC Threads::Threads)
