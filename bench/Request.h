@@ -1,0 +1,38 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+/// What the load asks of the service: one byte, answered by the same byte, or 64 bytes, of which the first
+/// says what is wanted and the next eight how much (in the machine's own byte order: both ends run on it).
+/// When all has been sent or read the service takes the next request of the connection.
+namespace bench {
+
+constexpr std::size_t requestBytes = 64;
+using Request = std::array<char, requestBytes>;
+
+enum Wish : char {
+    touch = '1',       ///< one byte, alone: the same byte back
+    replyWhole = 'r',  ///< 64 bytes back in one write
+    replyTwice = 't',  ///< 64 bytes back in two writes
+    upload = 'u',      ///< as many bytes from the service
+    download = 'd',    ///< as many bytes to the service, and one back when it has them
+    echo = 'e'         ///< as many bytes to the service and back
+};
+
+inline Request MakeRequest(Wish wish, std::uint64_t bytes = 0) {
+    Request request{};
+    request[0] = wish;
+    std::memcpy(&request[1], &bytes, sizeof bytes);
+    return request;
+}
+
+inline std::uint64_t BytesOf(const Request& request) {
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, &request[1], sizeof bytes);
+    return bytes;
+}
+
+}  // namespace bench

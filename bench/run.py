@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""Runs the measurements; scripts/bench.sh builds what this needs and says how to use it."""
+
+import argparse
+import json
+import os
+import platform
+import random
+import subprocess
+import sys
+import tempfile
+import time
+
+import forwarders as kinds
+import measures
+import report
+
+# Name, how the forwarder must stand for it, and which forwarders can.
+MEASURES = {
+    "bulk": ({}, lambda kind: True),
+    "roundtrip": ({}, lambda kind: True),
+    "streams": ({}, lambda kind: kind is not kinds.Direct),
+    "sessions": ({}, lambda kind: True),
+    "memory": ({}, lambda kind: kind is not kinds.Direct),
+    "line": ({"slow": True}, lambda kind: kind.has_uplink),
+    "mallocs": ({"counts_mallocs": True}, lambda kind: kind in (kinds.Agent, kinds.Floor)),
+}
+
+
+def main():
+    options = read_options()
+    kinds.raise_descriptor_limit()
+    os.makedirs(options.output, exist_ok=True)
+    figures, failures = {name: {} for name in options.forwarders}, []
+    with tempfile.TemporaryDirectory(prefix="bench-") as folder:
+        service = kinds.Process("service", [options.tools + "/bench-service"], folder)
+        try:
+            port = int(service.wait_for(r"port (\d+)")[1])
+            for number in range(1, options.rounds + 1):
+                print(f"round {number} of {options.rounds}", flush=True)
+                failures += one_round(options, folder, port, figures)
+            if "idle" in options.only:
+                measure_idle(options, folder, port, figures)
+        finally:
+            service.stop()
+    parts = measure_parts(options) if "parts" in options.only else {}
+    result = {"machine": machine(), "quick": options.quick, "rounds": options.rounds, "failures": failures,
+              "figures": figures, "parts": parts}
+    with open(options.output + "/results.json", "w", encoding="utf-8") as file:
+        json.dump(result, file, indent=1)
+    report.write_all(result, options.output)
+    return 1 if any(failure.split()[0] in ("agent", "floor") for failure in failures) else 0
+
+
+def read_options():
+    parser = argparse.ArgumentParser(prog="bench.sh")
+    every = [*MEASURES, "idle", "parts"]
+    parser.add_argument("--quick", action="store_true", help="one round of short measurements")
+    parser.add_argument("--rounds", type=int, help="how often each is measured [5, quick: 1]")
+    parser.add_argument("--output", default="build/bench/results", help="folder of results and plots [%(default)s]")
+    parser.add_argument("--only", nargs="+", choices=every, default=every, metavar="WHAT", help=f"of {' '.join(every)}")
+    parser.add_argument("--forwarders", nargs="+", choices=kinds.FORWARDERS, default=list(kinds.FORWARDERS),
+                        metavar="NAME", help=f"of {' '.join(kinds.FORWARDERS)}")
+    parser.add_argument("--tools", default="build/bench/bench", help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    options.rounds = options.rounds or (1 if options.quick else 5)
+    return options
+
+
+def one_round(options, folder, port, figures):
+    """What a forwarder could not do; the rest is measured all the same."""
+    failures = []
+    for name in random.sample(options.forwarders, len(options.forwarders)):
+        for measure, (manner, suits) in MEASURES.items():
+            if measure not in options.only or not suits(kinds.FORWARDERS[name]):
+                continue
+            started = time.monotonic()
+            try:
+                with tempfile.TemporaryDirectory(dir=folder) as own:
+                    with kinds.FORWARDERS[name](options.tools, own, port, **manner) as forwarder:
+                        take(forwarder, measure, options.quick, figures[name])
+            except (RuntimeError, OSError, subprocess.SubprocessError) as error:
+                failures.append(f"{name} {measure}: {error}")
+                print("  FAILED", failures[-1], flush=True)
+            print(f"  {name:8} {measure:10} {time.monotonic() - started:5.1f} s", flush=True)
+    return failures
+
+
+def take(forwarder, measure, quick, figures):
+    if measure != "memory":  # which wants a process without a past
+        measures.prove(forwarder)
+    for figure, value in getattr(measures, measure)(forwarder, quick):
+        figures.setdefault(figure, []).append(value)
+    if measure == "memory":
+        measures.prove(forwarder)
+
+
+def measure_idle(options, folder, port, figures):
+    standing = []
+    try:
+        for name in options.forwarders:
+            if name != "direct":
+                own = tempfile.mkdtemp(dir=folder)
+                standing.append(kinds.FORWARDERS[name](options.tools, own, port).__enter__())
+                measures.prove(standing[-1])
+        time.sleep(12)  # until the sessions of the proof are gone
+        for name, figure, value in measures.idle(standing):
+            figures[name][figure] = [value]
+    finally:
+        for forwarder in standing:
+            forwarder.__exit__()
+
+
+def measure_parts(options):
+    """Nanoseconds of each small part, and bytes per second where it has bytes."""
+    command = [options.tools + "/bench-parts", "--benchmark_format=json",
+               "--benchmark_repetitions=" + str(options.rounds), "--benchmark_min_time=" + ("0.05" if options.quick else "0.3")]
+    text = subprocess.run(command, check=True, timeout=600, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+    parts = {}
+    for run in json.loads(text)["benchmarks"]:
+        if run["run_type"] == "iteration":
+            parts.setdefault(run["name"].replace("/iterations:200000", ""), []).append(run["cpu_time"])
+    return parts
+
+
+def machine():
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        model = next((line.split(": ")[1].strip() for line in file if line.startswith("model name")), "")
+    return {"cpu": model, "cores": os.cpu_count(), "kernel": platform.release(), "load": os.getloadavg()[0]}
+
+
+if __name__ == "__main__":
+    sys.exit(main())
