@@ -8,7 +8,6 @@
 #include <sanitizer/asan_interface.h>
 #include <sys/epoll.h>
 #include <sys/syscall.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -148,12 +147,6 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
     return static_cast<int>(result);
 }
 
-// Without timers of the kernel's, asio tells epoll_wait how long it wants to wait.
-extern "C" int timerfd_create(int, int) noexcept {
-    errno = ENOSYS;
-    return -1;
-}
-
 extern "C" int epoll_ctl(int epoll, int operation, int descriptor, epoll_event* event) noexcept {
     if (operation == EPOLL_CTL_ADD) fuzz::watches[descriptor] = {epoll, *event};
     if (operation == EPOLL_CTL_DEL) fuzz::watches.erase(descriptor);
@@ -161,7 +154,8 @@ extern "C" int epoll_ctl(int epoll, int operation, int descriptor, epoll_event* 
 }
 
 extern "C" int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
-    constexpr int withoutTimers = 300000;  // what asio then asks for: it waits for the resolver's thread
+    // asio is built without timers of the kernel's, so it says here how long it wants to wait.
+    constexpr int withoutTimers = 300000;  // then it waits for the resolver's thread
     const int patience = timeout == withoutTimers ? timeout : 0;
     const long ready = syscall(SYS_epoll_pwait, epoll, events, most, patience, nullptr, 0);
     if (ready == 0 && (world == nullptr || !world->Listen()))
