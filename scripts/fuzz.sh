@@ -6,11 +6,11 @@
 #        scripts/fuzz.sh --replay [TARGET]
 #   TARGET    json, control, tunnel, sso, rest or config; without it, all of them, one after the other
 #   SECONDS   how long each target runs, 10 without it
-#   --replay  only what is in tests/fuzz/corpus, once each
+#   --replay  only what is in fuzz/corpus, once each
 #
 # The build, and inputs that reach something new, stay in build/fuzz. An input that crashes, leaks, takes more than 5
 # seconds or 512 MiB is a finding: its file stays in build/fuzz/findings, and the exit status is 1. Once the fault is
-# mended, the file goes to tests/fuzz/corpus.
+# mended, the file goes to fuzz/corpus.
 
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -47,10 +47,10 @@ fuzz() {
     local options=(-timeout=5 -rss_limit_mb=512 -max_len="$length" -artifact_prefix="build/fuzz/findings/$1-")
     mkdir -p "$new" build/fuzz/findings
     if $replay; then
-        "build/fuzz/tests/fuzz/fuzz_$1" "${options[@]}" -runs=0 "tests/fuzz/corpus/$1"
+        "build/fuzz/fuzz/fuzz_$1" "${options[@]}" -runs=0 "fuzz/corpus/$1"
     else
-        "build/fuzz/tests/fuzz/fuzz_$1" "${options[@]}" -max_total_time="$seconds" -print_final_stats=1 \
-            "$new" "tests/fuzz/corpus/$1"
+        "build/fuzz/fuzz/fuzz_$1" "${options[@]}" -max_total_time="$seconds" -print_final_stats=1 \
+            "$new" "fuzz/corpus/$1"
     fi
 }
 

@@ -5,8 +5,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "fuzz/SealedWorld.h"
 #include "registration/RegistrationClient.h"
-#include "tests/fuzz/SealedWorld.h"
 
 using namespace nox::tunnel_client;
 

@@ -1,4 +1,4 @@
-#include "tests/fuzz/SealedWorld.h"
+#include "fuzz/SealedWorld.h"
 
 #include <arpa/inet.h>
 #include <dlfcn.h>

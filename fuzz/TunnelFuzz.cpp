@@ -2,7 +2,7 @@
 // connections: whole control frames in it are signed, everything else stays as it is.
 #include <algorithm>
 
-#include "tests/fuzz/TunnelRun.h"
+#include "fuzz/TunnelRun.h"
 #include "tunnel/TunnelMessage.h"
 
 using namespace nox::tunnel_client;

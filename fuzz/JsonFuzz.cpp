@@ -4,8 +4,8 @@
 #include <tuple>
 #include <utility>
 
+#include "fuzz/SealedWorld.h"
 #include "json/json.h"
-#include "tests/fuzz/SealedWorld.h"
 
 using namespace json;
 

@@ -1,7 +1,7 @@
 // Control messages, one a line, each signed as the server would sign it.
 #include <sstream>
 
-#include "tests/fuzz/TunnelRun.h"
+#include "fuzz/TunnelRun.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
     std::istringstream lines(std::string(reinterpret_cast<const char*>(data), size));

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "core/LoadConfiguration.h"
-#include "tests/fuzz/SealedWorld.h"
+#include "fuzz/SealedWorld.h"
 
 using namespace nox::tunnel_client;
 

@@ -5,9 +5,9 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "fuzz/SealedWorld.h"
 #include "json/json.h"
 #include "registration/SSOConnection.h"
-#include "tests/fuzz/SealedWorld.h"
 
 using nox::tunnel_client::SSOConnection;
 

@@ -1,11 +1,11 @@
-#include "tests/fuzz/TunnelRun.h"
+#include "fuzz/TunnelRun.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <stdexcept>
 #include <system_error>
 
-#include "tests/fuzz/SealedWorld.h"
+#include "fuzz/SealedWorld.h"
 #include "tunnel/MessageSigning.h"
 #include "tunnel/TunnelClient.h"
 
