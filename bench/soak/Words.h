@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "bench/soak/Account.h"
+
+/// What the two programs say on their standard output, taken apart.
+namespace soak {
+
+struct ServerLine {
+    enum class Kind { Ready, Connected, Disconnected, Opened, Closed, TurnedAway, Error, Other };
+    Kind kind = Kind::Other;
+    std::string session;  ///< of Opened and Closed
+    ServerWords words;    ///< of Closed
+};
+ServerLine ReadServerLine(const std::string& line);
+
+struct AgentLine {
+    bool isVerified = false;           ///< the server has greeted it: a new connection serves
+    std::string session;               ///< "": the line is of no interest
+    bool AgentWords::*word = nullptr;  ///< what is now known of that session
+};
+/// @param line with its time, level debug is enough
+AgentLine ReadAgentLine(const std::string& line);
+
+}  // namespace soak

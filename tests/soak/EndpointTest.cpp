@@ -1,0 +1,123 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "bench/soak/ChildProcess.h"
+#include "bench/soak/Endpoint.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using asio::ip::tcp;
+using soak::Direction;
+using soak::KeyedStream;
+
+/// A client's end on one side of a real connection; the test is the other side.
+class EndpointTest : public testing::Test {
+protected:
+    void Start(const soak::EndPlan& plan) {
+        tcp::acceptor acceptor(io, {asio::ip::address_v4::loopback(), 0});
+        tcp::socket socket(io);
+        socket.connect(acceptor.local_endpoint());
+        acceptor.accept(peer);
+        std::make_shared<soak::Endpoint>(std::move(socket), plan, toService, toClient, record, [this] {
+            ++overs;
+        })->Start();
+    }
+    /// Until nothing is left to do, or for so long.
+    void Run(std::chrono::milliseconds ceiling = 5s) {
+        io.restart();
+        io.run_for(ceiling);
+    }
+    static std::string Bytes(const KeyedStream& stream, std::size_t size) {
+        std::string bytes(size, '\0');
+        stream.Fill(0, bytes.data(), size);
+        return bytes;
+    }
+    std::string ReadAll(std::error_code& error) {
+        std::string bytes;
+        asio::read(peer, asio::dynamic_buffer(bytes), error);
+        return bytes;
+    }
+
+    asio::io_context io;
+    tcp::socket peer{io};
+    const KeyedStream toService{1, 2, Direction::ToService}, toClient{1, 2, Direction::ToClient};
+    soak::EndRecord record;
+    int overs = 0;
+};
+
+TEST_F(EndpointTest, SendsItsStreamShutsDownAndChecksTheOther) {
+    soak::EndPlan plan;
+    plan.bytesToSend = 50000;
+    plan.maxPieceBytes = 777;
+    plan.finish = soak::Finish::Shutdown;
+    Start(plan);
+    asio::write(peer, asio::buffer(Bytes(toClient, 3000) + "strange"));
+    Run(300ms);
+    std::error_code error;
+    EXPECT_EQ(ReadAll(error), Bytes(toService, 50000));
+    EXPECT_EQ(error, asio::error::eof);
+    EXPECT_FALSE(record.over);
+    peer.close();
+    Run();
+    EXPECT_TRUE(record.over && record.shutDown && record.sawEnd);
+    EXPECT_EQ(overs, 1);
+    EXPECT_EQ(record.sent, 50000U);
+    EXPECT_EQ(record.received, 3007U);
+    EXPECT_THAT(record.wrong, testing::AllOf(testing::Ge(5U), testing::Le(7U)));
+}
+
+TEST_F(EndpointTest, StopsReadingForAsLongAsPlannedAndThenHasAll) {
+    soak::EndPlan plan;
+    plan.stallAt = 100;
+    plan.stall = 300ms;
+    Start(plan);
+    asio::write(peer, asio::buffer(Bytes(toClient, 100)));
+    Run(100ms);
+    peer.send(asio::buffer(Bytes(toClient, 500).substr(100)));
+    Run(50ms);
+    EXPECT_EQ(record.received, 100U);
+    peer.close();
+    Run();
+    EXPECT_EQ(record.received, 500U);
+    EXPECT_EQ(record.wrong, 0U);
+}
+
+TEST_F(EndpointTest, ResetsAtItsTime) {
+    soak::EndPlan plan;
+    plan.resetAfter = 20ms;
+    Start(plan);
+    Run();
+    EXPECT_TRUE(record.over && record.reset);
+    EXPECT_FALSE(record.sawEnd);
+    std::error_code error;
+    ReadAll(error);
+    EXPECT_EQ(error, asio::error::connection_reset);
+}
+
+TEST(ChildProcessTest, TellsLinesOfBothStreamsInOrderThenTheEnd) {
+    asio::io_context io;
+    std::vector<std::string> lines;
+    soak::ChildProcess child(io, {"/bin/sh", "-c", "echo $A; echo two >&2; echo; printf 'cut off'"},
+                             {"A=one"}, [&](const std::string& line) { lines.push_back(line); });
+    EXPECT_FALSE(child.HasEnded());
+    io.run_for(5s);
+    EXPECT_TRUE(child.HasEnded());
+    EXPECT_THAT(lines, testing::ElementsAre("one", "two", ""));
+}
+
+TEST(ChildProcessTest, TellsWhatTheProcessHolds) {
+    asio::io_context io;
+    soak::ChildProcess child(io, {"/bin/sh", "-c", "exec 7</dev/null; echo; exec sleep 20"},
+                             {"PATH=/usr/bin:/bin"}, [&](const std::string&) { io.stop(); });
+    io.run_for(5s);
+    EXPECT_EQ(child.Descriptors(), 4U);
+    EXPECT_EQ(child.Status("Threads"), 1U);
+    EXPECT_GT(child.Status("VmRSS"), 100U);
+    child.Signal(SIGTERM);
+    io.restart();
+    io.run_for(5s);
+    EXPECT_TRUE(child.HasEnded());
+}
+
+}  // namespace
