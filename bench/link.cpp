@@ -4,6 +4,7 @@
 
 #include <netinet/tcp.h>
 
+#include <algorithm>
 #include <asio.hpp>
 #include <chrono>
 #include <cstdio>
@@ -19,15 +20,17 @@ using asio::ip::tcp;
 using Clock = std::chrono::steady_clock;
 using std::chrono::nanoseconds;
 
-/// What all connections in one direction share: a byte leaves when those before it have left.
+/// What all connections in one direction share: a byte leaves when those before it have left. Time that we came too
+/// late is made good up to `burst`, or the wire would be slower than it says.
 struct Wire {
+    static constexpr std::chrono::milliseconds burst{10};
     double bitsPerSecond;
     Clock::time_point isFree = Clock::now();
 
     Clock::time_point Departure(std::size_t bytes) {
         const nanoseconds duration(
             static_cast<std::int64_t>(8e9 * static_cast<double>(bytes) / bitsPerSecond));
-        return isFree = std::max(isFree, Clock::now()) + duration;
+        return isFree = std::max(isFree, Clock::now() - burst) + duration;
     }
 };
 
