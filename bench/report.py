@@ -15,9 +15,9 @@ def write_all(result, folder):
     tables = (figure_table(figures), part_table(result["parts"]), goal_table(figures, result["parts"]))
     text = "\n\n".join((describe(result), *tables)) + "\n"
     print("\n" + text)
+    plots = [f"![{name}]({name}.svg)\n" for name in plot_all(figures, folder)]
     with open(folder + "/figures.md", "w", encoding="utf-8") as file:
-        file.write("# Figures\n\nWritten by `scripts/bench.sh`; docs/performance.md explains them.\n\n" + text)
-    plot_all(figures, folder)
+        file.write("# Figures\n\nWritten by `scripts/bench.sh`; docs/performance.md explains them.\n\n" + text + "\n" + "\n".join(plots))
 
 
 def add_derived(values):
@@ -130,17 +130,20 @@ def part_goals(parts):
 
 
 def plot_all(figures, folder):
+    """@return the names of the plots, those that have something to show"""
     kinds = ("whole", "request", "both")
-    bars(figures, folder, "bulk-cpu", "CPU seconds per GiB, device's side",
-         {f"{way}, {count}": f"bulk {way} {count} CPU s/GiB" for way, count in WAYS})
-    bars(figures, folder, "bulk-speed", "MB/s", {f"{way}, {count}": f"bulk {way} {count} MB/s" for way, count in WAYS})
-    bars(figures, folder, "roundtrip", "round trip, median, us",
-         {kind: f"roundtrip {kind} p50 us" for kind in kinds}, "set logscale y")
-    bars(figures, folder, "line", "round trip on the slow line, median, us",
-         {kind + way: f"line {kind}{way} p50 us" for way in ("", " up") for kind in kinds})
-    for way in ("up", "down"):
-        lines(figures, folder, "streams-" + way, f"CPU seconds per GiB {way}, device's side", "sessions, all active",
-              {count: f"bulk {way} {count} CPU s/GiB" for count in STREAMS})
+    names = [
+        bars(figures, folder, "bulk-cpu", "CPU seconds per GiB, device's side",
+             {f"{way}, {count}": f"bulk {way} {count} CPU s/GiB" for way, count in WAYS}),
+        bars(figures, folder, "bulk-speed", "MB/s", {f"{way}, {count}": f"bulk {way} {count} MB/s" for way, count in WAYS}),
+        bars(figures, folder, "roundtrip", "round trip, median, us",
+             {kind: f"roundtrip {kind} p50 us" for kind in kinds}, "set logscale y"),
+        bars(figures, folder, "line", "round trip on the slow line, median, us",
+             {kind + way: f"line {kind}{way} p50 us" for way in ("", " up") for kind in kinds}),
+        *(lines(figures, folder, "streams-" + way, f"CPU seconds per GiB {way}, device's side", "sessions, all active",
+                {count: f"bulk {way} {count} CPU s/GiB" for count in STREAMS}) for way in ("up", "down")),
+    ]
+    return [name for name in names if name]
 
 
 def bars(figures, folder, name, label, columns, more=""):
@@ -148,7 +151,7 @@ def bars(figures, folder, name, label, columns, more=""):
     data = "".join(block(who, [[f'"{title}"', *spread(figures[who].get(figure))] for title, figure in columns.items()])
                    for who in shown)
     draw = ", ".join(f'${who} using 2:3:4:xticlabels(1) title "{who}"' for who in shown)
-    gnuplot(folder, name, label, shown, data + f"""
+    return gnuplot(folder, name, label, shown, data + f"""
 set style data histogram
 set style histogram errorbars gap 1 linewidth 1
 set style fill solid 0.7 noborder
@@ -163,7 +166,7 @@ def lines(figures, folder, name, label, xlabel, columns):
     data = "".join(block(who, [[str(x), *spread(figures[who].get(figure))] for x, figure in columns.items()])
                    for who in shown)
     draw = ", ".join(f'${who} using 1:2:3:4 with yerrorlines title "{who}"' for who in shown)
-    gnuplot(folder, name, label, shown, data + f"""
+    return gnuplot(folder, name, label, shown, data + f"""
 set xlabel "{xlabel}"
 set logscale x
 set xrange [0.7:1500]
@@ -182,7 +185,7 @@ def block(name, rows):
 
 def gnuplot(folder, name, label, shown, commands):
     if not shown:
-        return
+        return None
     script = f"""
 set terminal svg size 720,360 background "white"
 set output "{os.path.join(folder, name)}.svg"
@@ -191,3 +194,4 @@ set grid ytics
 set key outside
 {commands}"""
     subprocess.run(["gnuplot"], input=script, text=True, check=True, timeout=30)
+    return name
