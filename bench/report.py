@@ -13,7 +13,7 @@ def write_all(result, folder):
     for values in figures.values():
         add_derived(values)
     tables = (figure_table(figures), part_table(result["parts"]), goal_table(figures, result["parts"]))
-    text = "\n\n".join((describe(result), *tables)) + "\n"
+    text = "\n\n".join(filter(None, (describe(result), *tables))) + "\n"
     print("\n" + text)
     plots = [f"![{name}]({name}.svg)\n" for name in plot_all(figures, folder)]
     with open(folder + "/figures.md", "w", encoding="utf-8") as file:
@@ -58,6 +58,8 @@ def ratio(figures, figure, other):
 
 
 def markdown(head, rows):
+    if not rows:
+        return ""
     lines = [head, ["---"] * len(head), *rows]
     return "\n".join("| " + " | ".join(line) + " |" for line in lines)
 
