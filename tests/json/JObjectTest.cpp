@@ -126,7 +126,13 @@ TEST(JObjectTest, ReadsNumbersAsScanfDoes) {
     EXPECT_EQ(static_cast<float>(holding("1.5")), 1.5F);
     EXPECT_EQ(static_cast<double>(holding("-0.5e+3")), -500.0);
     EXPECT_EQ(static_cast<std::vector<int>>(holding(R"([1,"2",null])")), (std::vector<int>{1, 2, 0}));
-    EXPECT_EQ(static_cast<std::vector<double>>(holding("[1.5]")), std::vector<double>{1.5});
+    const auto list = holding("[7,1.5]");
+    EXPECT_EQ(static_cast<std::vector<unsigned>>(list), (std::vector<unsigned>{7, 1}));
+    EXPECT_EQ(static_cast<std::vector<long>>(list), (std::vector<long>{7, 1}));
+    EXPECT_EQ(static_cast<std::vector<unsigned long>>(list), (std::vector<unsigned long>{7, 1}));
+    EXPECT_EQ(static_cast<std::vector<char>>(list), (std::vector<char>{'7', '1'}));
+    EXPECT_EQ(static_cast<std::vector<float>>(list), (std::vector<float>{7, 1.5}));
+    EXPECT_EQ(static_cast<std::vector<double>>(list), (std::vector<double>{7, 1.5}));
 }
 
 TEST(JObjectTest, WritesWhatIsAssigned) {
