@@ -15,8 +15,8 @@ public:
     std::string_view Bytes() const { return {memory.get() + begin, end - begin}; }
     std::size_t Size() const { return end - begin; }
 
-    /// Room for `bytes` more behind the others; what is written there counts from Commit on. Moves the
-    /// others.
+    /// Room for `bytes` more behind the others; what is written there counts from Commit on.
+    /// Moves the others.
     char* Reserve(std::size_t bytes);
     void Commit(std::size_t bytes) { end += bytes; }
     void Append(std::string_view bytes);
@@ -27,8 +27,8 @@ private:
     std::size_t capacity = 0, begin = 0, end = 0;
 };
 
-/// Bytes on their way into a socket: some are being written and stay where they are, others gather behind
-/// them.
+/// Bytes on their way into a socket: some are being written and stay where they are, others
+/// gather behind them.
 class Outbox {
 public:
     /// What is written next goes in here. Not for long: Next swaps the buffers.

@@ -23,10 +23,10 @@ namespace lab {
 ///   Start -> ReadMore <-> OnRead -> HandleFrame ...: what comes from the device
 ///   Flush -> Write <-> OnWritten: what goes to it, everybody's frames in one stream
 ///
-///   Verifying --- good "verify" ---> Serving --- newer connection: "conflict" ---> Farewell --- read or late
-///   ---> Closed
-///       \---- bad or late, lost -------\---- lost, or breaks the rules
-///       -------------------------------------------/
+///   Verifying -- good "verify" --> Serving -- newer connection: "conflict" --> Farewell
+///       |                             |                                            |
+///       | bad or late, lost           | lost, or breaks the rules                  | read, or late
+///       '-----------------------------'--------------------------------------------'--> Closed
 ///
 /// Sessions that still have something to deliver live on when it is closed; then it waits for them. All on
 /// the event loop.
@@ -34,13 +34,11 @@ class DeviceConnection final : public std::enable_shared_from_this<DeviceConnect
 public:
     class Owner {
     public:
+        virtual ~Owner() = default;
         virtual const Credentials* Find(const std::string& deviceId) const = 0;  ///< null: not registered
         virtual void OnVerified(DeviceConnection& connection) = 0;
         virtual void OnLost(DeviceConnection& connection) = 0;  ///< a verified one; it opens no more sessions
         virtual void OnOver(DeviceConnection& connection) = 0;  ///< closed, and the last session too
-
-    protected:
-        ~Owner() = default;
     };
 
     DeviceConnection(asio::ip::tcp::socket device, Owner& connectionOwner, const Timings& labTimings,

@@ -26,8 +26,8 @@ using FrameHeader = std::array<char, frameHeaderBytes>;
 /// @param session a longer id is cut to 16 characters, a shorter one filled up with '0'
 FrameHeader EncodeHeader(std::uint8_t type, std::size_t payloadBytes, std::string_view session);
 
-/// A header taken apart. Any 21 bytes make one: whether type and length are acceptable is the caller's
-/// question.
+/// A header taken apart. Any 21 bytes make one: whether type and length are acceptable is the
+/// caller's question.
 struct DecodedHeader {
     std::uint8_t type;
     std::uint32_t payloadBytes;

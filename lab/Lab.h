@@ -15,8 +15,8 @@
 
 namespace lab {
 
-/// The whole cloud: what a device needs to register and to be reached, and the local ports that lead to its
-/// services.
+/// The whole cloud: what a device needs to register and to be reached, and the local ports
+/// that lead to its services.
 class Lab {
 public:
     struct Identity {

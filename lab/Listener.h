@@ -12,8 +12,7 @@ namespace lab {
 asio::ip::tcp::acceptor Listen(asio::io_context& io, const asio::ip::tcp::endpoint& endpoint);
 
 /// Accepts on one port until it is destroyed.
-///   Open -> Accept <-> OnAccepted, with a pause when the process has no descriptor left      (all on `io`'s
-///   one thread)
+///   Open -> Accept <-> OnAccepted, with a pause when the process has no descriptor left   (on `io`'s one thread)
 class Listener : public std::enable_shared_from_this<Listener> {
 public:
     using OnClient = std::function<void(asio::ip::tcp::socket)>;

@@ -106,9 +106,7 @@ ApiReply Registration::Handle(const ApiRequest& request) {
     } catch (const Refusal& refusal) {
         report.Error("api: " + Word(request.method) + " " + Word(request.path) + ": " +
                      std::to_string(refusal.status) + " " + refusal.what());
-        const ordered_json body{{"status", false}, {"error", refusal.what()}};
-        return {refusal.status,
-                body.dump(-1, ' ', false, json::error_handler_t::replace)};  // a name may be cut
+        return {refusal.status, ordered_json{{"status", false}, {"error", refusal.what()}}.dump()};
     }
 }
 

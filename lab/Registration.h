@@ -18,9 +18,9 @@ struct ApiReply {
     std::string body;  ///< one JSON object, whatever the status
 };
 
-/// Decides what the registration API answers. It is strict, so that a device's slip shows here and not in the
-/// field: whatever is missing, has the wrong type or has no business there is named in a 400. On the event
-/// loop only.
+/// Decides what the registration API answers. It is strict, so that a device's slip shows here and not in
+/// the field: whatever is missing, has the wrong type or has no business there is named in a 400. On the
+/// event loop only.
 class Registration {
 public:
     struct Cloud {

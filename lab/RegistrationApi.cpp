@@ -63,7 +63,8 @@ struct RegistrationApi::Http {
             .Patch(".*", handle);
         server.set_pre_routing_handler(RefuseLongPaths);
         server.set_tcp_nodelay(true).set_socket_options(SetOptions).set_payload_max_length(maxApiBodyBytes);
-        server.set_keep_alive_max_count(1).set_read_timeout(clientPatience).set_write_timeout(clientPatience);
+        server.set_keep_alive_max_count(1).set_keep_alive_timeout(clientPatience.count());
+        server.set_read_timeout(clientPatience).set_write_timeout(clientPatience);
         server.new_task_queue = [] { return new httplib::ThreadPool(threadCount); };
     }
 

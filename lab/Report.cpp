@@ -33,9 +33,8 @@ void Report::Totals() {
 
 std::string Word(std::string_view text) {
     std::string word(text.substr(0, 200));
-    const auto isPlain = [](char c) { return static_cast<unsigned char>(c) > ' ' && c != '\x7F'; };
-    std::replace_if(
-        word.begin(), word.end(), [&](char c) { return !isPlain(c); }, '_');
+    const auto isStrange = [](char c) { return c <= ' ' || c > '~'; };
+    std::replace_if(word.begin(), word.end(), isStrange, '_');
     return word;
 }
 

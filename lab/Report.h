@@ -44,8 +44,8 @@ private:
     std::uint64_t keptBack = 0;
 };
 
-/// A text from outside as one word of a line: blanks and control characters become '_', and it is cut at 200
-/// bytes.
+/// A text from outside as one word of a line: what is not printable ASCII becomes '_', and it
+/// is cut at 200 bytes.
 std::string Word(std::string_view text);
 
 }  // namespace lab

@@ -8,17 +8,17 @@
 #include "lab/Frame.h"
 #include "lab/ScriptedServer.h"
 
-/// The three languages that the agent speaks, for scripted servers: one call reads or writes one message of
-/// each, as docs/protocol.md describes them. A peer that wants to be wrong writes its own bytes to the
-/// Connection.
+/// The three languages that the agent speaks, for scripted servers: one call reads or writes
+/// one message of each, as docs/protocol.md describes them. A peer that wants to be wrong
+/// writes its own bytes to the Connection.
 namespace lab {
 
 /// SSO service: a 4-byte big-endian length, then the JSON text.
 std::string ReadSsoRequest(Connection& connection);
 std::string SsoReply(const std::string& json);
 
-/// HTTP/1.1 request as it came, the body read by its Content-Length (no chunked bodies: the agent sends
-/// none).
+/// HTTP/1.1 request as it came, the body read by its Content-Length (no chunked bodies: the
+/// agent sends none).
 struct HttpRequest {
     std::string method;
     std::string target;

@@ -112,6 +112,7 @@ void Session::Deliver(std::string_view bytes) {
     if (toClient->Size() == 0) lastProgress = Clock::now();
     toClient->Back().Append(bytes);
     if (toClient->Size() > clientBacklogBytes) SetBlocking(true);
+    if (state == State::Ending) WatchForStall();
     if (std::exchange(writing, true)) return;
     // Not at once: the device's next frames are probably there already and go with this one.
     asio::post(socket.get_executor(), [weak = weak_from_this()] {

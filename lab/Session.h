@@ -18,6 +18,7 @@ class Session;
 /// The device's connection, as its sessions see it.
 class DeviceLink {
 public:
+    virtual ~DeviceLink() = default;
     virtual bool HasRoom() const = 0;                                       ///< for another frame of data
     virtual void WaitForRoom(const std::shared_ptr<Session>& session) = 0;  ///< calls its ReadMore then, once
     virtual ByteBuffer& Frames() = 0;  ///< takes whole frames; Flush sends them
@@ -31,9 +32,6 @@ public:
         const = 0;                       ///< by any session; now, if it still is
     virtual bool HasOthers() const = 0;  ///< sessions than the one that asks
     virtual void Over(Session& session) = 0;
-
-protected:
-    ~DeviceLink() = default;
 };
 
 /// One client of one route, joined to the device's service by frames that carry the session's id.

@@ -42,8 +42,8 @@ constexpr std::size_t maxTokens = 1024;    ///< older ones are forgotten
 constexpr std::size_t deviceReadBytes = 262144;
 /// No more is read from clients while so much waits for their device.
 constexpr std::size_t deviceBacklogBytes = 1048576;
-/// New clients are turned away while so much waits: only control messages to a device that takes nothing come
-/// here.
+/// New clients are turned away while so much waits: only control messages to a device that
+/// takes nothing come here.
 constexpr std::size_t deviceBacklogLimitBytes = 4 * deviceBacklogBytes;
 /// Nothing is read from a device while so much waits for one of its clients, until half of it has left.
 constexpr std::size_t clientBacklogBytes = 1048576;

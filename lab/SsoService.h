@@ -12,21 +12,18 @@
 namespace lab {
 
 /// One exchange: a request comes, its answer goes, the connection closes.
-///   Start -> OnLength -> OnRequest -> OnAnswered -> Stop; OnLate stops it too      (all on `io`'s one
-///   thread)
+///   Start -> OnLength -> OnRequest -> OnAnswered -> Stop; OnLate stops it too             (on `io`'s one thread)
 class SsoExchange : public std::enable_shared_from_this<SsoExchange> {
 public:
     /// Who owns it and knows the answers.
     class Owner {
     public:
+        virtual ~Owner() = default;
         /// @param reachedAt the address at which the peer has found us
         /// @throws std::invalid_argument when the request is none; what() tells the peer's fault
         virtual std::string Answer(const std::string& request, const asio::ip::address& reachedAt) = 0;
         virtual void Over(SsoExchange& exchange,
                           const std::string& fault) = 0;  ///< `fault` empty: all went well
-
-    protected:
-        ~Owner() = default;
     };
 
     SsoExchange(asio::ip::tcp::socket client, Owner& exchangeOwner, std::chrono::milliseconds limit);

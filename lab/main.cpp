@@ -13,7 +13,8 @@
 /// The lab as a program: its lines go to standard output, signals stop it.
 namespace {
 
-/// An HTTP client that trickles its request must not keep us for longer.
+/// An HTTP client that trickles its request holds a thread of the API; it must not hold the
+/// process for longer.
 constexpr std::chrono::seconds stopPatience{3};
 
 void Print(const std::string& line) { std::cout << line << std::endl; }
@@ -29,8 +30,8 @@ public:
         WaitForStop();
         WaitForReportSignal();
         WaitForReportTime();
-        io.run();
-        lab.Events().Totals();
+        io.run();  // until a signal
+        Stop();
     }
 
 private:
@@ -49,17 +50,17 @@ private:
     }
 
     void WaitForStop() {
-        stopSignals.async_wait([this](std::error_code, int) { Stop(); });
+        stopSignals.async_wait([this](std::error_code, int) { io.stop(); });
     }
 
     void Stop() {
         lab.Stop();
         reportSignal.cancel();
-        timer.expires_after(stopPatience);
-        timer.async_wait([this](std::error_code) {
-            lab.Events().Totals();
-            std::_Exit(EXIT_SUCCESS);
-        });
+        timer.cancel();
+        io.restart();
+        io.run_for(stopPatience);
+        lab.Events().Totals();
+        if (!io.stopped()) std::_Exit(EXIT_SUCCESS);
     }
 
     void WaitForReportSignal() {

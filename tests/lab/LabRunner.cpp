@@ -11,8 +11,8 @@ namespace lab {
 
 Timings LabRunner::Short() {
     Timings timings;
-    timings.ssoLimit = timings.verifyLimit = std::chrono::milliseconds(300);
-    timings.quiet = timings.stall = std::chrono::milliseconds(300);
+    timings.ssoLimit = timings.verifyLimit = timings.quiet = std::chrono::seconds(1);
+    timings.stall = std::chrono::milliseconds(300);
     return timings;
 }
 
@@ -86,7 +86,7 @@ std::string At(const std::string& json, const std::vector<std::string>& path) {
     return value.is_string() ? value.get<std::string>() : value.is_null() ? "" : value.dump();
 }
 
-ScriptedDevice::ScriptedDevice(LabRunner& labRunner, std::string id, std::vector<std::string> services)
+ScriptedDevice::ScriptedDevice(LabRunner& labRunner, std::string id, const std::vector<std::string>& services)
     : deviceId(std::move(id)), runner(labRunner) {
     const auto token = At(AskSso(runner.SsoPort(), R"({"request":"token","scope":"x"})"), {"token"});
     Call(runner.ApiPort(), "DELETE", "/clients/remove/id/" + deviceId, token);
@@ -117,7 +117,7 @@ void ScriptedDevice::SendVerify(const std::string& method, const std::string& ve
 }
 
 std::string ScriptedDevice::Expect(const std::string& method) {
-    const std::string text = ReadControl(tunnel);
+    std::string text = ReadControl(tunnel);
     const ControlMessage message(text);
     if (message.Text("method") != method || !message.IsSignedWith(password))
         throw std::runtime_error("not a good " + method + ": " + text);

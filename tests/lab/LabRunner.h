@@ -60,7 +60,7 @@ std::string At(const std::string& json, const std::vector<std::string>& path);
 class ScriptedDevice {
 public:
     explicit ScriptedDevice(LabRunner& labRunner, std::string id = "d1",
-                            std::vector<std::string> services = {"web"});
+                            const std::vector<std::string>& services = {"web"});
 
     /// Connects to the tunnel server, another time if need be, and sends a good verify.
     Connection& Connect();

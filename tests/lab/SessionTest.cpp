@@ -135,6 +135,15 @@ TEST_F(SessionTest, ThatTakesNothingWhileOthersWaitIsDropped) {
                           " d1 web closed by lab, 0 bytes to device, 67108864 bytes from device"));
 }
 
+TEST_F(SessionTest, ThatHasEndedDoesNotWaitForAClientThatTakesNothing) {
+    const std::string stream = Frames(session, Pattern(32 * mebibyte));
+    client.ShutdownSend();
+    device.Expect("end_session");
+    device.Tunnel().Write(stream);
+    EXPECT_TRUE(lab.Tells("error session " + session + ": its client takes nothing, dropped"));
+    EXPECT_TRUE(Closed("client, 0 bytes to device, 33554432 bytes from device"));
+}
+
 TEST_F(SessionTest, ClientsComeAndGoWhileTheDeviceTakesNothing) {
     WriteUntilStuck(client, Pattern(64 * mebibyte));
     const auto port = lab.RoutePort("d1", "web");
