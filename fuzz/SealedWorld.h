@@ -9,12 +9,12 @@
 
 /// What the fuzz targets stand on: a process whose connections lead nowhere but into the input.
 ///
-/// SealedWorld.cpp takes the place of the C library's connect, recv, getaddrinfo, clock_gettime and of the
-/// calls with which asio waits. Whoever connects gets one end of a socket pair, so no input, whatever
-/// addresses it names, causes traffic beyond this process, and everything a peer says is there at once. When
-/// nothing is ready to be read or written, the peers read what they were sent; when that was nothing, the
-/// monotonic clock jumps to the next timer: the real delays take no time, and no run depends on how fast it
-/// is.
+/// SealedWorld.cpp takes the place of the C library's connect, recv, getaddrinfo,
+/// clock_gettime and of the calls with which asio waits. Whoever connects gets one end of a
+/// socket pair, so no input, whatever addresses it names, causes traffic beyond this process,
+/// and everything a peer says is there at once. When nothing is ready to be read or written,
+/// the peers read what they were sent; when that was nothing, the monotonic clock jumps to the
+/// next timer: the real delays take no time, and no run depends on how fast it is.
 namespace fuzz {
 
 /// Makes the input a finding, with `promise` as the reason, unless the condition holds.

@@ -56,11 +56,11 @@ public:
     /// @throws std::out_of_range unless `index` is below size()
     const_value at(std::size_t index) const;
 
-    /// Reads one object or array from the front of `text`; what follows its closing bracket is ignored, as is
-    /// everything from a NUL on. A comma right before that bracket is accepted, though not inside nested
-    /// values.
-    /// @throws parsing_error with the first of "Input is not a valid object", "Key conflict" and "Missing
-    /// key"
+    /// Reads one object or array from the front of `text`; what follows its closing bracket is
+    /// ignored, as is everything from a NUL on. A comma right before that bracket is accepted,
+    /// though not inside nested values.
+    /// @throws parsing_error with the first of "Input is not a valid object", "Key conflict"
+    /// and "Missing key"
     static jobject parse(const std::string& text) { return parse(text.c_str()); }
     static jobject parse(const char* text);
 

@@ -10,11 +10,12 @@
 
 namespace nox::tunnel_client {
 
-/// Registers the device and its routes with the cloud, and so learns where the tunnel server is and what to
-/// say to it.
-///   first time:  discovery data from the SSO service -> certificate id from it, unless a device id is
-///   configured each time:   token from the SSO service -> RemoveDevice -> AddDevice -> AddRoute for each
-///   route
+/// Registers the device and its routes with the cloud, and so learns where the tunnel server
+/// is and what to say to it.
+///
+///   once:       discovery data from the SSO service -> certificate id from it, unless a device id is configured
+///   each time:  token from the SSO service -> RemoveDevice -> AddDevice -> AddRoute for each route
+///
 /// Discovery is repeated until it succeeds once in the process's life; what it found is never refreshed.
 ///
 /// One per process, used by one thread; every call blocks.

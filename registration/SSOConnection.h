@@ -28,8 +28,8 @@ public:
     /// Makes the service forget its state, for when the cloud keeps refusing its tokens.
     static void Reset(const std::string& host, std::int32_t port);
 
-    /// One exchange of texts. The memory for the reply grows with the bytes that arrive, whatever length is
-    /// announced.
+    /// One exchange of texts. The memory for the reply grows with the bytes that arrive,
+    /// whatever length is announced.
     static std::string SendRequest(const std::string& host, std::int32_t port, const std::string& request);
     /// @throws std::invalid_argument unless "status" is the JSON string "ok"
     static void CheckStatus(const json::jobject& reply);

@@ -35,8 +35,8 @@ std::string MillisecondsSinceEpoch() {
     return text.data();
 }
 
-// rand() is never seeded, here or anywhere in the agent, so each start repeats the same nonces; servers know
-// them so.
+// rand() is never seeded, here or anywhere in the agent, so each start repeats the same
+// nonces; servers know them so.
 std::string Nonce() {
     constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     std::string nonce;

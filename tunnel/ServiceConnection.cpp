@@ -33,8 +33,8 @@ void ServiceConnection::OnConnected(std::error_code error) {
         owner->ServiceConnectionFailed(params.sessionId);
         return Stop();
     }
-    // Small replies must not wait for an acknowledgement of the piece before. Without the option it still
-    // works.
+    // Small replies must not wait for an acknowledgement of the piece before. Without the
+    // option it still works.
     std::error_code ignored;
     link->socket.set_option(tcp::no_delay(true), ignored);
     asio::post(link->socket.get_executor(), Weakly(&ServiceConnection::ListenToService));

@@ -21,11 +21,9 @@ struct SessionParams {
 
 /// Bridges one tunnel session to one local TCP service.
 ///
-///   Connect -> OnConnected -> ListenToService <-> OnRead          (paused by too many uploads, see
-///   UploadFinished)
+///   Connect -> OnConnected -> ListenToService <-> OnRead     (paused by too many uploads, see UploadFinished)
 ///              QueueData   -> SendAsync       <-> OnSent
-///   Stop -> OnCloseDelayOver -> OnRemovalDelayOver                (traffic goes on until the socket is
-///   closed)
+///   Stop -> OnCloseDelayOver -> OnRemovalDelayOver           (traffic goes on until the socket is closed)
 ///
 /// Both directions run independently; one read and one write are under way at most. Made with make_shared.
 /// Whoever lets go of it before the shutdown is over closes its socket at once, and what was still under way

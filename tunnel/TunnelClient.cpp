@@ -73,8 +73,8 @@ void TunnelClient::OnConnected(std::error_code error, const tcp::endpoint&) {
         return;
     }
     LogWrite("TunnelClient", 115, logVerbose, "Connected to server, sending verification message...");
-    // A small frame must not wait for the acknowledgement of the one before. Without the option it still
-    // works.
+    // A small frame must not wait for the acknowledgement of the one before. Without the
+    // option it still works.
     std::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
     QueueMessage(TunnelMessage(controlFrame, "", BuildVerifyMessage()));
@@ -311,8 +311,8 @@ void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     }
     LogWrite("TunnelClient", 362, logDebug, "Removing stopped session %s", sessionId.c_str());
     sessions.erase(session);
-    // A service slower than its client can have made us hold megabytes; the allocator would keep them for
-    // itself.
+    // A service slower than its client can have made us hold megabytes; the allocator would
+    // keep them for itself.
     if (sessions.empty()) malloc_trim(0);
 }
 
@@ -379,8 +379,8 @@ void TunnelClient::OnSent(std::error_code error, std::size_t size) {
     }
 }
 
-// By the id on the wire, whoever holds it now: a session with another length of id is never told, and pauses
-// for good.
+// By the id on the wire, whoever holds it now: a session with another length of id is never
+// told, and pauses for good.
 void TunnelClient::ReportUpload(std::string_view sessionId) {
     const auto session = sessions.find(sessionId);
     if (session != sessions.end()) return session->second->UploadFinished();

@@ -17,15 +17,13 @@
 
 namespace nox::tunnel_client {
 
-/// The agent's end of the tunnel: one connection to the tunnel server at a time, and the sessions that it
-/// carries.
+/// The agent's end of the tunnel: one connection to the tunnel server at a time, and the sessions it carries.
 ///
-///   Run -> Connect -> OnResolved -> OnConnected -> ListenToTunnelServer -> OnHeader -> OnPayload ->
-///   HandleMessage -.
-///              ^ ^------------------------------------------------------' |   QueueMessage -> SendAsync <->
-///              OnSent            (frames leave one at a time, in order) |   SendHeartbeat <->
-///              OnHeartbeatTimer              (once a good signature has arrived)
-///              '-- Stop -> OnCloseDelayOver, then nothing is left to do and Run goes on
+///   Run -> Connect -> OnResolved -> OnConnected -> ListenToTunnelServer -> OnHeader -> OnPayload -> HandleMessage
+///              |                                          ^---------------------------------------------'
+///              |-- QueueMessage -> SendAsync <-> OnSent       (frames leave one at a time, in order)
+///              |-- SendHeartbeat <-> OnHeartbeatTimer         (once a good signature has arrived)
+///              '-- Stop -> OnCloseDelayOver                   (then nothing is left to do, and Run goes on)
 ///
 /// All of it, and every session, runs on the thread that calls Run: there are no locks. Starting to read or
 /// write is posted to the event loop, never run inside the call that asks for it.
@@ -36,9 +34,9 @@ public:
     TunnelClient(const TunnelClient&) = delete;
     TunnelClient& operator=(const TunnelClient&) = delete;
 
-    /// Serves three connections, one after the other, and returns when the last has ended. The count is never
-    /// reset: a connection that served for days counts like one that was refused, so registration is renewed
-    /// now and then.
+    /// Serves three connections, one after the other, and returns when the last has ended. The count is
+    /// never reset: a connection that served for days counts like one that was refused, so registration is
+    /// renewed now and then.
     /// @throws whatever a handler throws: std::invalid_argument or std::out_of_range for a "localPort" that is
     ///         no number, std::system_error for a "localHost" that is no numeric address
     void Run();

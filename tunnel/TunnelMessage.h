@@ -26,8 +26,8 @@ constexpr SessionField nullSession = {'0', '0', '0', '0', '0', '0', '0', '0',
 
 /// One frame in memory.
 struct TunnelMessage {
-    /// A shorter id is padded on the right with '0', a longer one cut: only ids of 16 characters survive the
-    /// wire.
+    /// A shorter id is padded on the right with '0', a longer one cut: only ids of 16
+    /// characters survive the wire.
     TunnelMessage(std::uint8_t frameType, std::string_view sessionId, std::string payload);
     explicit TunnelMessage(std::uint8_t frameType) : type(frameType) {}
 

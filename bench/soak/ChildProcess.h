@@ -11,9 +11,9 @@
 
 namespace soak {
 
-/// A program of ours whose output, both streams, is read line by line. It is killed with this object, and
-/// when the thread that started it ends. The loop must not run on between the end of this object and the
-/// output's.
+/// A program of ours whose output, both streams, is read line by line. It is killed with this
+/// object, and when the thread that started it ends. The loop must not run on between the end
+/// of this object and the output's.
 class ChildProcess {
 public:
     using OnLine = std::function<void(const std::string&)>;
@@ -21,8 +21,8 @@ public:
     /// @param arguments the program's path first
     /// @param environment "NAME=value" each, and nothing else
     /// @param lineHandler called from the event loop, in the order of the lines
-    /// @throws std::system_error when no process or pipe can be made; a program that cannot be run ends with
-    /// 127
+    /// @throws std::system_error when no process or pipe can be made; a program that cannot be
+    /// run ends with 127
     ChildProcess(asio::io_context& io, std::vector<std::string> arguments,
                  std::vector<std::string> environment, OnLine lineHandler);
     ~ChildProcess();

@@ -45,8 +45,8 @@ bool ServiceEndedItself(const EndRecord& service) {
     return service.shutDown || service.closed || service.reset;
 }
 
-// A service that reads what it can has everything before the five seconds are over; only one that stops may
-// not.
+// A service that reads what it can has everything before the five seconds are over; only one
+// that stops may not.
 Reason OnTheWayToService(const Account& account) {
     if (account.struck) return Reason::ServerDied;
     if (account.plan.ending == Ending::ServiceRefuses) return Reason::ServiceRefused;

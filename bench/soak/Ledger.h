@@ -70,8 +70,8 @@ private:
     std::uint64_t struck = 0, cleanEnds = 0, completeCleanEnds = 0;
 };
 
-/// Whether the service ended it in good order while nobody else did, and its client was there to hear all of
-/// it.
+/// Whether the service ended it in good order while nobody else did, and its client was there
+/// to hear all of it.
 bool EndedCleanly(const Account& account);
 
 }  // namespace soak

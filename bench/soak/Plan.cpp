@@ -14,8 +14,8 @@ const char* NameOf(Ending ending) {
     return names.at(static_cast<std::size_t>(ending));
 }
 
-// Not the standard library's distributions: theirs may differ from one library to the next, and a seed should
-// not.
+// Not the standard library's distributions: theirs may differ from one library to the next,
+// and a seed should not.
 std::uint64_t Draw(Random& random, std::uint64_t low, std::uint64_t high) {
     return low + random() % (high - low + 1);
 }
@@ -31,8 +31,8 @@ milliseconds DrawTime(Random& random, std::uint64_t low, std::uint64_t high) {
     return milliseconds(Draw(random, low, high));
 }
 
-/// Every order of magnitude is as likely as the others: most sessions are small, most bytes are in large
-/// ones.
+/// Every order of magnitude is as likely as the others: most sessions are small, most bytes
+/// are in large ones.
 std::uint64_t DrawSize(Random& random) {
     const std::uint64_t limit = std::uint64_t{1} << Draw(random, 4, 23);
     return Draw(random, 8, limit);

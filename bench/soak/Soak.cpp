@@ -42,8 +42,8 @@ Soak::Soak(seconds length, std::uint64_t seed, const std::filesystem::path& fold
           [this](const ServerLine& line, const std::string& text) { OnServerLine(line, text); }),
       configurationFolder(folder) {}
 
-// From below the range that the kernel takes for connections: nobody else gets the port while the server is
-// down.
+// From below the range that the kernel takes for connections: nobody else gets the port while
+// the server is down.
 unsigned short Soak::FreePort() {
     for (;; ++nextPort) {
         const auto port = static_cast<unsigned short>(20000 + nextPort % 10000);

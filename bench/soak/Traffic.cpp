@@ -65,8 +65,8 @@ void Traffic::OnService(std::size_t route, tcp::socket socket) {
         [this, caller](std::error_code error, std::size_t size) { OnNumber(error, size, *caller); });
 }
 
-// Without a byte it is a session whose client or server went away at once; it still has to be a whole number
-// or none.
+// Without a byte it is a session whose client or server went away at once; it still has to be
+// a whole number or none.
 void Traffic::OnNumber(std::error_code error, std::size_t size, Caller& caller) {
     if (size == 0) return;
     const auto number = error ? 0 : KeyedStream::NumberIn({caller.number.data(), caller.number.size()});

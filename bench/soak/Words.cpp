@@ -11,8 +11,8 @@ constexpr std::size_t sessionIdBytes = 16;
 
 bool Contains(const std::string& line, std::string_view text) { return line.find(text) != std::string::npos; }
 
-// "session ID DEVICE SERVICE opened" or "session ID DEVICE SERVICE closed by WHO, N bytes to device, M bytes
-// from device"
+// "session ID DEVICE SERVICE opened" or "session ID DEVICE SERVICE closed by WHO, N bytes to
+// device, M bytes from device"
 ServerLine ReadSessionLine(const std::string& line) {
     ServerLine read;
     std::istringstream words(line);

@@ -45,8 +45,8 @@ TEST(ClientTest, RefusesABadConfigurationOnStandardErrorOnly) {
 
 class RunningClient : public testing::Test {
 protected:
-    /// Starts the agent with these members in its "tunnel" section, no pause between turns, and no SSO
-    /// service.
+    /// Starts the agent with these members in its "tunnel" section, no pause between turns,
+    /// and no SSO service.
     support::Process Start(const std::string& members) const {
         const std::string file =
             folder.Write("config.json", R"({"ssoService":{"type":"local-socket","port":)" +

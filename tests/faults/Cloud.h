@@ -21,8 +21,8 @@ public:
     /// The agent's command line; it pauses for `pause` seconds between its turns.
     std::vector<std::string> Command(const std::string& level, const std::string& logPath = "",
                                      int pause = 5) const;
-    /// Its environment: `fault` is "FAIL_CALL=..." and the like, `speed` how fast its clock runs (1: nothing is
-    /// preloaded).
+    /// Its environment: `fault` is "FAIL_CALL=..." and the like, `speed` how fast its clock runs (1: nothing
+    /// is preloaded).
     static std::vector<std::string> Environment(int speed, std::vector<std::string> fault = {});
 
     support::TemporaryFolder folder;
@@ -38,8 +38,8 @@ void NewSession(lab::Connection& agent, const std::string& id, unsigned short po
 void EndSession(lab::Connection& agent, const std::string& id);
 /// A session to a host without an address: the described end of the agent's run, with all that is open.
 void NoAddress(lab::Connection& agent);
-/// Sends a payload through an open session to a service that repeats what it hears, and checks what comes
-/// back.
+/// Sends a payload through an open session to a service that repeats what it hears, and checks
+/// what comes back.
 /// @throws std::runtime_error when the agent ends the session instead
 void Echo(lab::Connection& agent, const std::string& id);
 }  // namespace says

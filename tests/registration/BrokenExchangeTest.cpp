@@ -1,6 +1,6 @@
-// Every exchange of a registration ended by the service after each step of it: inside the request, after it,
-// and after each byte of the reply. The next exchange, and the next registration, works as if nothing had
-// been.
+// Every exchange of a registration ended by the service after each step of it: inside the
+// request, after it, and after each byte of the reply. The next exchange, and the next
+// registration, works as if nothing had been.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -62,8 +62,8 @@ TEST_P(BrokenExchange, WithTheSsoServiceIsReportedAfterAnyByte) {
     }
 }
 
-// What ends in order inside its header counts for libcurl as a reply without a body; half a body never
-// counts.
+// What ends in order inside its header counts for libcurl as a reply without a body; half a
+// body never counts.
 TEST_P(BrokenExchange, WithTheApiIsReportedAfterAnyByte) {
     const bool reset = GetParam() == Way::Reset;
     CurlConnection curl;

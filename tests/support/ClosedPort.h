@@ -4,8 +4,8 @@
 
 namespace support {
 
-/// A TCP port of 127.0.0.1 that refuses connections for as long as this lives: it is taken, but nobody
-/// listens.
+/// A TCP port of 127.0.0.1 that refuses connections for as long as this lives: it is taken,
+/// but nobody listens.
 class ClosedPort {
 public:
     unsigned short Port() const { return holder.local_endpoint().port(); }

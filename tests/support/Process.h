@@ -19,8 +19,8 @@ class Process {
 public:
     /// @param arguments the program's path first
     /// @param environment "NAME=value" each; the program sees these variables and no others
-    /// @throws std::system_error when no process can be made; a program that cannot be run ends with status
-    /// 127
+    /// @throws std::system_error when no process can be made; a program that cannot be run
+    /// ends with status 127
     explicit Process(std::vector<std::string> arguments, std::vector<std::string> environment = {});
     ~Process();
     Process(const Process&) = delete;

@@ -105,8 +105,8 @@ const Spoken survived[] = {
 
 INSTANTIATE_TEST_SUITE_P(Control, SurvivesMessages, testing::ValuesIn(survived), nameOfRow);
 
-// What ends a connection, with the whole log of it: the line of the cause, the delayed close and what it
-// brings.
+// What ends a connection, with the whole log of it: the line of the cause, the delayed close
+// and what it brings.
 class EndsTheConnection : public testing::TestWithParam<Spoken> {};
 
 TEST_P(EndsTheConnection, AndTheNextOneIsTried) {
