@@ -4,6 +4,7 @@
 
 #include "lab/ScriptedServer.h"
 #include "tests/support/LogCapture.h"
+#include "tests/tunnel/TunnelRun.h"
 #include "tunnel/ServiceConnection.h"
 
 namespace nox::tunnel_client {
@@ -146,14 +147,14 @@ TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
 // Paused, it reads nothing: the write is the one to meet the reset.
 TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
     lab::ScriptedServer service({[](lab::Connection& peer) {
-        peer.Write(std::string(20 * 16384, 's'));
+        peer.Write(std::string(327680, 's'));
         peer.Read(1);
         peer.Reset();
     }});
     support::LogCapture errors(logError);
     const auto connection = Connect(service.Port());
     RunUntil([&] { return owner.frames.size() == 20; });
-    connection->QueueData(std::string(20000000, 'w'));
+    connection->QueueData(support::Megabytes(20));
     RunToTheEnd();
     EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
     EXPECT_EQ(errors.Texts(), std::vector<std::string>{"ServiceConnection::SendAsync, session " + id +
@@ -208,7 +209,7 @@ TEST_P(ServiceConnectionDropped, DoesNothingMore) {
     }
 }
 
-void KeepWriting(ServiceConnection& connection) { connection.QueueData(std::string(20000000, 'w')); }
+void KeepWriting(ServiceConnection& connection) { connection.QueueData(support::Megabytes(20)); }
 INSTANTIATE_TEST_SUITE_P(States, ServiceConnectionDropped,
                          testing::Values(State{"Connecting", nullptr},
                                          State{"Reading", ", pending uploads: 3"},

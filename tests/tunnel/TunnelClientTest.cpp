@@ -241,7 +241,7 @@ TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
 // Everything that a tunnel and its sessions have to say, but for what other tests see at level "error" and
 // what cannot happen.
 Lines SayEverything(int level) {
-    const lab::Conversation talk = [](lab::Connection& peer) { peer.Write(std::string(30000000, 'x')); };
+    const lab::Conversation talk = [](lab::Connection& peer) { peer.Write(Megabytes(30)); };
     const lab::Conversation listen = [](lab::Connection& peer) { peer.ReadToEnd(); };
     const lab::Conversation hangUp = [](lab::Connection& peer) { peer.Read(4); };
     lab::ScriptedServer services({listen, hangUp}), talker({talk}), other({talk});

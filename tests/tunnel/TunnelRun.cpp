@@ -80,6 +80,8 @@ Heard Listen(lab::Connection& agent, int ends) {
     return heard;
 }
 
+std::string Megabytes(std::size_t count) { return std::string(count * 1000000, 'x'); }
+
 std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,
                                  const std::string& last) {
     auto from = std::find(lines.begin(), lines.end(), first);

@@ -43,6 +43,8 @@ struct Heard {
 /// Everything until `ends` sessions are reported as disconnected.
 Heard Listen(lab::Connection& agent, int ends);
 
+std::string Megabytes(std::size_t count);  ///< of one letter
+
 /// The lines after `first` and before `last`.
 std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,
                                  const std::string& last);

@@ -201,22 +201,22 @@ TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
 
 TEST(TunnelSessionsTest, WaitForAServerThatDoesNotRead) {
     lab::ScriptedServer service({[](lab::Connection& peer) {
-        peer.Write(std::string(30000000, 'x'));
+        peer.Write(Megabytes(30));
         peer.ReadToEnd();
     }});
     std::size_t bytes = 0;
-    const auto log =
-        RunTunnel({[&](lab::Connection& agent) {
-                      Accept(agent);
-                      NewSession(agent, service.Port());
-                      for (std::size_t waiting = 0; waiting != agent.Socket().available() || waiting == 0;) {
-                          waiting = agent.Socket().available();
-                          std::this_thread::sleep_for(100ms);  // until no more arrives
-                      }
-                      while (bytes < 30000000) bytes += lab::ReadFrame(agent).payload.size();
-                      HangUp(agent);
-                  }},
-                  logDebug);
+    const auto log = RunTunnel({[&](lab::Connection& agent) {
+                                   Accept(agent);
+                                   NewSession(agent, service.Port());
+                                   for (std::size_t waiting = 0;
+                                        waiting < 50000 || waiting != agent.Socket().available();) {
+                                       waiting = agent.Socket().available();
+                                       std::this_thread::sleep_for(100ms);  // until no more arrives
+                                   }
+                                   while (bytes < 30000000) bytes += lab::ReadFrame(agent).payload.size();
+                                   HangUp(agent);
+                               }},
+                               logDebug);
     EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& line) {
         return line.find("pausing listening to service") != std::string::npos;
     }));
@@ -225,7 +225,7 @@ TEST(TunnelSessionsTest, WaitForAServerThatDoesNotRead) {
 // Once a write has failed nothing more is written: the end of the session stays in the queue.
 TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
     lab::ScriptedServer service({[](lab::Connection& peer) {
-        peer.Write(std::string(30000000, 'x'));
+        peer.Write(Megabytes(30));
         peer.ReadToEnd();
     }});
     const auto log = RunTunnel({[&](lab::Connection& agent) {
