@@ -45,8 +45,10 @@ std::string AgentEnvironment(const AgentSettings& settings) {
 void WritePrivateFile(const std::string& path, const std::string& content) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     std::error_code ignored;  // what matters is whether the content can be written
-    std::filesystem::permissions(
-        path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write, ignored);
+    if (std::filesystem::is_regular_file(path, ignored)) {  // and not, say, /dev/stdout
+        std::filesystem::permissions(
+            path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write, ignored);
+    }
     file << content << std::flush;
     if (!file) throw std::system_error(errno, std::generic_category(), "cannot write " + path);
 }
