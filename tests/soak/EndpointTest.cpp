@@ -108,13 +108,13 @@ TEST(ChildProcessTest, TellsLinesOfBothStreamsInOrderThenTheEnd) {
 
 TEST(ChildProcessTest, TellsWhatTheProcessHolds) {
     asio::io_context io;
-    soak::ChildProcess child(io, {"/bin/sh", "-c", "exec 7</dev/null; echo; exec sleep 20"},
-                             {"PATH=/usr/bin:/bin"}, [&](const std::string&) { io.stop(); });
+    soak::ChildProcess child(io, {"/bin/sh", "-c", "exec 7</dev/null; echo; kill -STOP $$"}, {},
+                             [&](const std::string&) { io.stop(); });
     io.run_for(5s);
     EXPECT_EQ(child.Descriptors(), 4U);
     EXPECT_EQ(child.Status("Threads"), 1U);
     EXPECT_GT(child.Status("VmRSS"), 100U);
-    child.Signal(SIGTERM);
+    child.Signal(SIGKILL);
     io.restart();
     io.run_for(5s);
     EXPECT_TRUE(child.HasEnded());
