@@ -71,9 +71,9 @@ protected:
         return std::regex_search(output, match, line) ? static_cast<unsigned short>(std::stoul(match[1])) : 0;
     }
     /// One client's half of an exchange.
-    std::string Fetch(std::size_t route, const Exchange& exchange) const {
-        auto client = lab::Connection::To(RoutePort(route));
-        WriteInPieces(client, exchange.down, static_cast<unsigned>(route) + 77);
+    static std::string Fetch(unsigned short routePort, const Exchange& exchange) {
+        auto client = lab::Connection::To(routePort);
+        WriteInPieces(client, exchange.down, 77);
         return client.ReadToEnd();
     }
 
@@ -84,7 +84,7 @@ protected:
 TEST_F(AgentWithLabTest, CarriesASessionBothWaysByteForByte) {
     Exchange exchange(1);
     Start({exchange.service.Port()});
-    EXPECT_TRUE(Fetch(0, exchange) == exchange.up);
+    EXPECT_TRUE(Fetch(RoutePort(0), exchange) == exchange.up);
     exchange.service.Finish();
     EXPECT_TRUE(exchange.received == exchange.down);
     lab->Signal(SIGTERM);
@@ -106,7 +106,7 @@ TEST_F(AgentWithLabTest, CarriesSeveralSessionsAtOnce) {
     std::vector<std::string> fetched(count);
     std::vector<std::thread> clients;
     for (std::size_t i = 0; i < count; ++i)
-        clients.emplace_back([&, i] { fetched[i] = Fetch(i, *exchanges[i]); });
+        clients.emplace_back([&, i, port = RoutePort(i)] { fetched[i] = Fetch(port, *exchanges[i]); });
     for (std::thread& client : clients) client.join();
     for (std::size_t i = 0; i < count; ++i) {
         exchanges[i]->service.Finish();
