@@ -73,10 +73,7 @@ void TunnelClient::OnConnected(std::error_code error, const tcp::endpoint&) {
         return;
     }
     LogWrite("TunnelClient", 115, logVerbose, "Connected to server, sending verification message...");
-    // A small frame must not wait for the acknowledgement of the one before. Without the
-    // option it still works.
-    std::error_code ignored;
-    socket.set_option(tcp::no_delay(true), ignored);
+    TuneSocket();
     QueueMessage(TunnelMessage(controlFrame, "", BuildVerifyMessage()));
     verificationTimer.expires_after(delays.verificationLimit);
     verificationTimer.async_wait(Handler(&TunnelClient::OnVerificationTimer));
