@@ -14,14 +14,14 @@ using soak::KeyedStream;
 /// A client's end on one side of a real connection; the test is the other side.
 class EndpointTest : public testing::Test {
 protected:
-    void Start(const soak::EndPlan& plan) {
+    void Start() {
         tcp::acceptor acceptor(io, {asio::ip::address_v4::loopback(), 0});
         tcp::socket socket(io);
         socket.connect(acceptor.local_endpoint());
         acceptor.accept(peer);
-        std::make_shared<soak::Endpoint>(std::move(socket), plan, toService, toClient, record, [this] {
-            ++overs;
-        })->Start();
+        const auto countEnd = [this] { ++overs; };
+        std::make_shared<soak::Endpoint>(std::move(socket), plan, toService, toClient, record, countEnd)
+            ->Start();
     }
     /// Until nothing is left to do, or for so long.
     void Run(std::chrono::milliseconds ceiling = 5s) {
@@ -33,29 +33,27 @@ protected:
         stream.Fill(0, bytes.data(), size);
         return bytes;
     }
-    std::string ReadAll(std::error_code& error) {
-        std::string bytes;
-        asio::read(peer, asio::dynamic_buffer(bytes), error);
-        return bytes;
-    }
+    void ReadAll() { asio::read(peer, asio::dynamic_buffer(came), error); }
 
     asio::io_context io;
     tcp::socket peer{io};
     const KeyedStream toService{1, 2, Direction::ToService}, toClient{1, 2, Direction::ToClient};
+    soak::EndPlan plan;
     soak::EndRecord record;
     int overs = 0;
+    std::string came;
+    std::error_code error;
 };
 
 TEST_F(EndpointTest, SendsItsStreamShutsDownAndChecksTheOther) {
-    soak::EndPlan plan;
     plan.bytesToSend = 50000;
     plan.maxPieceBytes = 777;
     plan.finish = soak::Finish::Shutdown;
-    Start(plan);
+    Start();
     asio::write(peer, asio::buffer(Bytes(toClient, 3000) + "strange"));
     Run(300ms);
-    std::error_code error;
-    EXPECT_EQ(ReadAll(error), Bytes(toService, 50000));
+    ReadAll();
+    EXPECT_EQ(came, Bytes(toService, 50000));
     EXPECT_EQ(error, asio::error::eof);
     EXPECT_FALSE(record.over);
     peer.close();
@@ -68,10 +66,9 @@ TEST_F(EndpointTest, SendsItsStreamShutsDownAndChecksTheOther) {
 }
 
 TEST_F(EndpointTest, StopsReadingForAsLongAsPlannedAndThenHasAll) {
-    soak::EndPlan plan;
     plan.stallAt = 100;
     plan.stall = 300ms;
-    Start(plan);
+    Start();
     asio::write(peer, asio::buffer(Bytes(toClient, 100)));
     Run(100ms);
     peer.send(asio::buffer(Bytes(toClient, 500).substr(100)));
@@ -84,33 +81,26 @@ TEST_F(EndpointTest, StopsReadingForAsLongAsPlannedAndThenHasAll) {
 }
 
 TEST_F(EndpointTest, ResetsAtItsTime) {
-    soak::EndPlan plan;
     plan.resetAfter = 20ms;
-    Start(plan);
+    Start();
     Run();
-    EXPECT_TRUE(record.over && record.reset);
-    EXPECT_FALSE(record.sawEnd);
-    std::error_code error;
-    ReadAll(error);
+    EXPECT_TRUE(record.over && record.reset && !record.sawEnd);
+    ReadAll();
     EXPECT_EQ(error, asio::error::connection_reset);
 }
 
-TEST(ChildProcessTest, TellsLinesOfBothStreamsInOrderThenTheEnd) {
+TEST(ChildProcessTest, TellsWhatTheProcessHoldsAndItsLinesOfBothStreamsInOrderThenTheEnd) {
     asio::io_context io;
     std::vector<std::string> lines;
-    soak::ChildProcess child(io, {"/bin/sh", "-c", "echo $A; echo two >&2; echo; printf 'cut off'"},
-                             {"A=one"}, [&](const std::string& line) { lines.push_back(line); });
+    const auto keep = [&](const std::string& line) {
+        lines.push_back(line);
+        if (line.empty()) io.stop();
+    };
+    const std::string script =
+        "exec 7</dev/null; echo $A; echo two >&2; echo; printf 'cut off'; kill -STOP $$";
+    soak::ChildProcess child(io, {"/bin/sh", "-c", script}, {"A=one"}, keep);
+    io.run_for(5s);
     EXPECT_FALSE(child.HasEnded());
-    io.run_for(5s);
-    EXPECT_TRUE(child.HasEnded());
-    EXPECT_THAT(lines, testing::ElementsAre("one", "two", ""));
-}
-
-TEST(ChildProcessTest, TellsWhatTheProcessHolds) {
-    asio::io_context io;
-    soak::ChildProcess child(io, {"/bin/sh", "-c", "exec 7</dev/null; echo; kill -STOP $$"}, {},
-                             [&](const std::string&) { io.stop(); });
-    io.run_for(5s);
     EXPECT_EQ(child.Descriptors(), 4U);
     EXPECT_EQ(child.Status("Threads"), 1U);
     EXPECT_GT(child.Status("VmRSS"), 100U);
@@ -118,6 +108,7 @@ TEST(ChildProcessTest, TellsWhatTheProcessHolds) {
     io.restart();
     io.run_for(5s);
     EXPECT_TRUE(child.HasEnded());
+    EXPECT_THAT(lines, testing::ElementsAre("one", "two", ""));
 }
 
 }  // namespace
