@@ -2,15 +2,17 @@
 
 #include <string>
 
-#include "json/reader.h"
+#include "json/json.h"
 
-/// What `function` returns, or the text of the parsing_error that it throws.
+/// What `function` returns, the text of the parsing_error that it throws, or which key it misses.
 template <typename Function>
 std::string OutcomeOf(Function function) {
     try {
         return function();
     } catch (const json::parsing_error& error) {
         return error.what();
+    } catch (const json::invalid_key& error) {
+        return std::string("missing: ") + error.what();
     }
 }
 

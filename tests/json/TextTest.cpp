@@ -35,7 +35,6 @@ INSTANTIATE_TEST_SUITE_P(
     Texts, ParseValue,
     testing::Values(FrontOfText{"String", " \"a\" ,", jtype::jstring, "\"a\"", " ,"},
                     FrontOfText{"NumberStopsAtSpace", "1 2", jtype::jnumber, "1", " 2"},
-                    FrontOfText{"NumberStopsAfterZero", "01", jtype::jnumber, "0", "1"},
                     FrontOfText{"NumberToTheEnd", "-0.5e+3", jtype::jnumber, "-0.5e+3", ""},
                     FrontOfText{"IncompleteNumber", "1.,", jtype::not_valid, "", ","},
                     FrontOfText{"Bool", "falsehood", jtype::jbool, "false", "hood"},
@@ -44,17 +43,10 @@ INSTANTIATE_TEST_SUITE_P(
                     FrontOfText{"Array", "[ 1 , [ ] ] ]", jtype::jarray, "[1,[]]", " ]"},
                     FrontOfText{"Object", "{ \"a\" : \" \" }}", jtype::jobject, "{\"a\":\" \"}", "}"},
                     FrontOfText{"NoValue", " ,1", jtype::not_valid, "", ",1"},
-                    FrontOfText{"TrailingComma", "[1,]", jtype::not_valid, "", "]"},
                     FrontOfText{"UnterminatedString", "\"abc", jtype::not_valid, "", ""},
                     FrontOfText{"UnterminatedEscape", "\"abc\\", jtype::not_valid, "", ""},
-                    FrontOfText{"UnterminatedStringInside", "[{\"a", jtype::not_valid, "", ""},
-                    FrontOfText{"EscapedSolidus", R"("\/")", jtype::not_valid, "", R"(/")"}),
+                    FrontOfText{"UnterminatedStringInside", "[{\"a", jtype::not_valid, "", ""}),
     nameOf);
-
-TEST(ParseValueTest, RefusesNothingButWhiteSpace) {
-    for (const char* text : {"", " \t\r\n\v\f"})
-        EXPECT_EQ(OutcomeOf([&] { return json::parse_value(text).value; }), "Input was only whitespace");
-}
 
 TEST(DecodeStringTest, ReadsToTheClosingQuoteOrTheEnd) {
     const std::vector<std::pair<std::string, std::string>> table = {
@@ -71,15 +63,6 @@ TEST(DecodeStringTest, ReadsToTheClosingQuoteOrTheEnd) {
         EXPECT_EQ(json::decode_string(Exactly(literal).data()), plain) << literal;
 }
 
-TEST(DecodeStringTest, RefusesWhatIsNoLiteral) {
-    for (const char* text : {"", "a\"", " \"a\""})
-        EXPECT_EQ(OutcomeOf([&] { return json::decode_string(text); }), "Expecting opening quote") << text;
-    for (const char* text : {R"("\x")", R"("\U0041")", "\"\\"})
-        EXPECT_EQ(OutcomeOf([&] { return json::decode_string(Exactly(text).data()); }),
-                  "Expected control character")
-            << text;
-}
-
 TEST(EncodeStringTest, EscapesWhatNeedsItAndTheSolidus) {
     EXPECT_EQ(json::encode_string("\"\\/\b\f\n\r\t"), R"("\"\\\/\b\f\n\r\t")");
     EXPECT_EQ(json::encode_string("\x01\x1f\x7f\xc3\xa9'"), "\"\x01\x1f\x7f\xc3\xa9'\"");
@@ -93,17 +76,23 @@ TEST(ParseArrayTest, DecodesStringsAndKeepsOtherTexts) {
               (Elements{"a\n", "1", "[2]", R"({"a":"\n"})", "true"}));
 }
 
-TEST(ParseArrayTest, RefusesWhatIsNoArray) {
-    for (const char* text : {"", "1", "{}"})
-        EXPECT_EQ(OutcomeOf([&] { return json::parse_array(text).front(); }), "Input was not an array")
-            << text;
-    for (const char* text : {"[,]", "[1,]", "[1", "[1}", "[1 2]", "[tru]"})
-        EXPECT_EQ(OutcomeOf([&] { return json::parse_array(text).front(); }),
-                  "Input was not properly formated")
-            << text;
-    for (const char* text : {"[", "[1, "})
-        EXPECT_EQ(OutcomeOf([&] { return json::parse_array(text).front(); }), "Input was only whitespace")
-            << text;
+TEST(TextTest, RefusesWhatIsNoValueNoLiteralOrNoArray) {
+    const auto value = [](const char* text) { return json::parse_value(text).value; };
+    const auto elements = [](const char* text) { return json::parse_array(text).front(); };
+    const struct {
+        std::string (*read)(const char*);
+        std::vector<std::string> texts;
+        const char* outcome;
+    } table[] = {
+        {value, {"", " \t\r\n\v\f"}, "Input was only whitespace"},
+        {json::decode_string, {"", "a\"", " \"a\""}, "Expecting opening quote"},
+        {json::decode_string, {R"("\x")", R"("\U0041")", "\"\\"}, "Expected control character"},
+        {elements, {"", "1", "{}"}, "Input was not an array"},
+        {elements, {"[,]", "[1,]", "[1", "[1}", "[1 2]", "[tru]"}, "Input was not properly formated"},
+        {elements, {"[", "[1, "}, "Input was only whitespace"}};
+    for (const auto& row : table)
+        for (const std::string& text : row.texts)
+            EXPECT_EQ(OutcomeOf([&] { return row.read(Exactly(text).data()); }), row.outcome) << text;
 }
 
 }  // namespace
