@@ -6,7 +6,6 @@
 
 #include "lab/ControlMessage.h"
 #include "lab/Frame.h"
-#include "lab/Settings.h"
 #include "lab/Signing.h"
 
 namespace lab {
@@ -28,14 +27,6 @@ TEST(ProtocolPageTest, TheWorkedExampleIsWhatTheLabSends) {
         Sign("bench-secret", NewSession("0000000000000001", 8080), {"1700000000000", "AbCdEfGhIjKlMnOp"});
     const auto header = EncodeHeader(controlFrame, payload.size(), noSession);
     EXPECT_EQ(WorkedExample(), std::string(header.begin(), header.end()) + payload);
-}
-
-TEST(ProtocolPageTest, TheLabWaitsAsLongAsItSays) {
-    const Timings timings;
-    EXPECT_EQ(timings.ssoLimit, std::chrono::seconds(10));
-    EXPECT_EQ(timings.verifyLimit, std::chrono::seconds(15));
-    EXPECT_EQ(timings.quiet, std::chrono::seconds(6));
-    EXPECT_EQ(timings.stall, std::chrono::seconds(30));
 }
 
 }  // namespace lab
