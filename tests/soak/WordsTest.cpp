@@ -9,11 +9,7 @@ using Kind = soak::ServerLine::Kind;
 
 TEST(WordsTest, TellsTheServersLinesApart) {
     const std::string id = "0000000000000017";
-    const struct {
-        std::string line;
-        Kind kind;
-        std::string session;
-    } rows[] = {
+    const std::tuple<std::string, Kind, std::string> rows[] = {
         {"ready", Kind::Ready, ""},
         {"device lab-device-1 registered", Kind::Other, ""},
         {"device lab-device-1 connected", Kind::Connected, ""},
