@@ -1,10 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <iterator>
-#include <stdexcept>
-
 #include "registration/CurlConnection.h"
 #include "tests/registration/Recorder.h"
 #include "tests/support/LogCapture.h"
@@ -14,7 +10,6 @@ namespace {
 
 using namespace std::string_literals;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// Everything but the host header, which holds the port.
 std::string ReadAll(lab::Connection& connection) {
@@ -45,15 +40,6 @@ TEST_F(CurlConnectionTest, SendsTheTwoHeadersAndNothingUnasked) {
     EXPECT_THAT(server.Heard(), ElementsAre("GET /a?b=c\n" + common + "t1\n",
                                             "POST /\n" + common + "t2\nContent-Length: 7\n{\"a\":1}",
                                             "DELETE /\n" + common + "\n"));
-}
-
-TEST_F(CurlConnectionTest, ReturnsAnErrorPageLikeAnyOther) {
-    Recorder server(ReadAll, {lab::HttpReply(404, "<html>no</html>")});
-    const HttpResponse response = curl.Post(Url(server.Port()), "t", "{}");
-    EXPECT_EQ(response.curlCode, CURLE_OK);
-    EXPECT_EQ(response.httpCode, 404);
-    EXPECT_EQ(response.body, "<html>no</html>");
-    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 TEST_F(CurlConnectionTest, PutsTogetherALongBodyThatComesInChunks) {
@@ -105,19 +91,6 @@ const Failure failures[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(CurlConnection, FailedTransfers, testing::ValuesIn(failures), nameOfRow);
-
-TEST_F(CurlConnectionTest, HoldsNoDescriptorAfterFailures) {
-    const auto descriptors = [] {
-        const std::filesystem::directory_iterator list("/proc/self/fd");
-        return std::distance(begin(list), end(list));
-    };
-    const auto before = descriptors();
-    Recorder server(ReadAll, std::vector<std::string>(25, ""));
-    const std::string url = Url(server.Port());
-    for (int i = 0; i < 50; ++i) EXPECT_THROW(curl.Post(url, "t", "{}"), std::runtime_error);
-    server.Heard();
-    EXPECT_EQ(descriptors(), before);
-}
 
 }  // namespace
 }  // namespace nox::tunnel_client

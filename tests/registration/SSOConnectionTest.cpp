@@ -81,19 +81,10 @@ const Exchange exchanges[] = {
     {"BooleanStatus", token, Reply(R"({"status":true,"token":"t"})"), badStatus},
     {"Array", token, Reply(R"(["status"])"), badStatus},
     {"NoJson", token, Reply("<html>"), noObject},
-    {"CutJson", token, Reply(R"({"status":"ok")"), noObject},
     {"LengthZero", token, Reply(""), noObject},
 };
 
 INSTANTIATE_TEST_SUITE_P(SSOConnection, Exchanges, testing::ValuesIn(exchanges), nameOfRow);
-
-TEST(SSOConnectionTest, PutsTogetherAReplyThatComesByteByByte) {
-    lab::ScriptedServer service({[](lab::Connection& connection) {
-        ReadBytes(connection);
-        for (const char byte : lab::SsoReply(R"({"status":"ok","token":"t1"})")) connection.Write({byte});
-    }});
-    EXPECT_EQ(SSOConnection::GetToken(host, service.Port()), "t1");
-}
 
 TEST(SSOConnectionTest, PaysNoMemoryForAnAnnouncedLength) {
     const auto peakKibibytes = [] {
