@@ -69,7 +69,8 @@ private:
     }
 
     void OnRead(std::error_code error, std::size_t size) {  // an empty packet carries the end
-        packets.push_back({error ? "" : buffer.substr(0, size), wire.Departure(size) + delay});
+        const auto departure = std::max(wire.Departure(size), Clock::now());
+        packets.push_back({error ? "" : buffer.substr(0, size), departure + delay});
         if (packets.size() == 1) Deliver();
         if (!error) Listen();
     }
