@@ -55,7 +55,7 @@ TEST(ApiTest, TakesOnlyWhatAgentsSend) {
         {"POST /clients/add", std::string(65537, ' '), 413, ""},
         {"DELETE /" + std::string(5000, 'a'), "", 414, ""}};
     for (const auto& [call, body, status, error] : rows) {
-        SCOPED_TRACE(call + " " + body);
+        SCOPED_TRACE(testing::Message() << call << ' ' << body);
         LabRunner lab;
         const ScriptedDevice registered(lab, "d1", {});
         const auto [answered, answer] = lab.Call(call, body);

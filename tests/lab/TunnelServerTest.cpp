@@ -61,7 +61,8 @@ TEST(TunnelServerTest, EndsAConnectionThatDoesNotBeginWithAGoodVerify) {
         const auto port = std::to_string(connection.Socket().local_endpoint().port());
         connection.Write(bytes);
         EXPECT_EQ(connection.ReadToEnd(), "");
-        EXPECT_TRUE(lab.Tells("error connection from 127.0.0.1:" + port + ": " + reason)) << reason;
+        EXPECT_TRUE(lab.Tells(("error connection from 127.0.0.1:" + port).append(": ").append(reason)))
+            << reason;
     }
 }
 
