@@ -48,6 +48,7 @@ void TunnelClient::Connect() {
     stopping = false;
     resolving = true;
     sendQueue.clear();
+    sentBytes = 0;
     sessions.clear();
     LogWrite("TunnelClient", 98, logInfo, "Connecting to tunnel server %s:%d", config.serverHost.c_str(),
              config.serverPort);
@@ -67,6 +68,7 @@ void TunnelClient::OnResolved(std::error_code error, const tcp::resolver::result
 }
 
 void TunnelClient::OnConnected(std::error_code error, const tcp::endpoint&) {
+    if (!error) socket.non_blocking(true, error);
     if (error) {
         LogWrite("TunnelClient", 112, logError, "Failed to connect: (%d) %s", error.value(),
                  error.message().c_str());
@@ -349,40 +351,74 @@ void TunnelClient::QueueMessage(TunnelMessage message) {
 }
 
 void TunnelClient::SendAsync() {
+    BeginFrame();
+    asio::post(ioContext, [this, sent = SendBatch()] { OnSent(sent); });
+}
+
+void TunnelClient::BeginFrame() {
     const TunnelMessage& outgoing = sendQueue.front();
     LogWrite("TunnelClient", 392, logVerbose, "Inside SendAsync, type %d, length %d", outgoing.type,
              static_cast<int>(outgoing.data.size()));
-    outgoingHeader = EncodeHeader(outgoing);
-    const std::array<asio::const_buffer, 2> frame = {asio::buffer(outgoingHeader),
-                                                     asio::buffer(outgoing.data)};
-    asio::async_write(socket, frame, Handler(&TunnelClient::OnSent));
 }
 
-// After an error the front stays, and with it the queue stands still until the next connection empties it.
-void TunnelClient::OnSent(std::error_code error, std::size_t size) {
-    if (error) {
-        LogWrite("TunnelClient", 411, logError, "TunnelClient::SendAsync: (%d) %s", error.value(),
-                 error.message().c_str());
-        return Stop();
+TunnelClient::Sent TunnelClient::SendBatch() {
+    const FrameBatch batch(sendQueue, sentBytes);
+    Sent sent;
+    sent.size = socket.send(batch.Pieces(), 0, sent.error);
+    sent.all = sent.size == batch.Size();
+    if (sent.error == asio::error::would_block) sent.error.clear();
+    return sent;
+}
+
+// Sends on for as long as the socket takes it, so that the queue stays short however many sessions fill it.
+void TunnelClient::OnSent(Sent sent) {
+    for (;; sent = SendBatch()) {
+        if (sent.error) return OnSendError(sent.error);
+        FinishFrames(sent.size);
+        if (!sent.all) return WaitForSocket();
+        if (sendQueue.empty()) return;
     }
-    LogWrite("TunnelClient", 415, logVerbose, "Finished upload, length %d", static_cast<int>(size));
+}
+
+void TunnelClient::WaitForSocket() {
+    socket.async_wait(tcp::socket::wait_write, [this](std::error_code error) {
+        if (error) return OnSendError(error);
+        OnSent(SendBatch());
+    });
+}
+
+// The front stays, and with it the queue stands still until the next connection empties it.
+void TunnelClient::OnSendError(std::error_code error) {
+    LogWrite("TunnelClient", 411, logError, "TunnelClient::SendAsync: (%d) %s", error.value(),
+             error.message().c_str());
+    Stop();
+}
+
+void TunnelClient::FinishFrames(std::size_t size) {
+    sentBytes += size;
+    while (!sendQueue.empty() && sentBytes >= FrameBytes(sendQueue.front())) {
+        sentBytes -= FrameBytes(sendQueue.front());
+        FinishFrame();
+    }
+}
+
+void TunnelClient::FinishFrame() {
     const TunnelMessage& outgoing = sendQueue.front();
-    if (outgoing.type == dataFrame) ReportUpload(outgoing.SessionId());
+    LogWrite("TunnelClient", 415, logVerbose, "Finished upload, length %d",
+             static_cast<int>(FrameBytes(outgoing)));
+    if (outgoing.type == dataFrame) ReportUpload(outgoing);
     sendQueue.pop_front();
-    if (sendQueue.empty()) {
-        LogWrite("TunnelClient", 436, logVerbose, "skipping SendAsync, sendQueue is empty");
-    } else {
-        asio::post(ioContext, Handler(&TunnelClient::SendAsync));
-    }
+    if (!sendQueue.empty()) return BeginFrame();
+    LogWrite("TunnelClient", 436, logVerbose, "skipping SendAsync, sendQueue is empty");
 }
 
 // By the id on the wire, whoever holds it now: a session with another length of id is never
 // told, and pauses for good.
-void TunnelClient::ReportUpload(std::string_view sessionId) {
-    const auto session = sessions.find(sessionId);
+void TunnelClient::ReportUpload(const TunnelMessage& outgoing) {
+    const auto session = sessions.find(outgoing.SessionId());
     if (session != sessions.end()) return session->second->UploadFinished();
     LogWrite("TunnelClient", 424, logDebug, "In SendAsync, session %s not found",
-             std::string(sessionId).c_str());
+             std::string(outgoing.SessionId()).c_str());
 }
 
 void TunnelClient::SendHeartbeat() {

@@ -3,7 +3,6 @@
 #include <asio.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -11,6 +10,7 @@
 #include "core/Configuration.h"
 #include "json/json.h"
 #include "tunnel/Delays.h"
+#include "tunnel/FrameBatch.h"
 #include "tunnel/ServiceConnection.h"
 #include "tunnel/SessionOwner.h"
 #include "tunnel/TunnelMessage.h"
@@ -21,12 +21,12 @@ namespace nox::tunnel_client {
 ///
 ///   Run -> Connect -> OnResolved -> OnConnected -> ListenToTunnelServer -> OnHeader -> OnPayload -> HandleMessage
 ///              |                                          ^---------------------------------------------'
-///              |-- QueueMessage -> SendAsync <-> OnSent       (frames leave one at a time, in order)
+///              |-- QueueMessage -> SendAsync -> OnSent <-> WaitForSocket      (frames leave in order)
 ///              |-- SendHeartbeat <-> OnHeartbeatTimer         (once a good signature has arrived)
 ///              '-- Stop -> OnCloseDelayOver                   (then nothing is left to do, and Run goes on)
 ///
-/// All of it, and every session, runs on the thread that calls Run: there are no locks. Starting to read or
-/// write is posted to the event loop, never run inside the call that asks for it.
+/// All of it, and every session, runs on the thread that calls Run: there are no locks. Nothing is written inside
+/// the call that queues it: that is posted to the event loop.
 class TunnelClient : private SessionOwner {
 public:
     /// Opens nothing.
@@ -45,6 +45,13 @@ private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
     static constexpr int maxUnsentBytes = 32768;  // two frames: one leaves while the next is fetched
+
+    // What became of one call that sends.
+    struct Sent {
+        std::error_code error;
+        std::size_t size = 0;
+        bool all = false;  // the socket took what it was offered
+    };
 
     // A handler that calls `method` with the operation's results; `this` is safe, the loop dies with it.
     template <typename Method>
@@ -88,8 +95,14 @@ private:
     std::string BuildSessionMessage(const char* method, const std::string& sessionId) const;
     void QueueMessage(TunnelMessage message) override;
     void SendAsync();
-    void OnSent(std::error_code error, std::size_t size);
-    void ReportUpload(std::string_view sessionId);
+    void BeginFrame();
+    Sent SendBatch();
+    void OnSent(Sent sent);
+    void WaitForSocket();
+    void OnSendError(std::error_code error);
+    void FinishFrames(std::size_t size);
+    void FinishFrame();
+    void ReportUpload(const TunnelMessage& outgoing);
     void SendHeartbeat();
     void OnHeartbeatTimer(std::error_code error);
 
@@ -109,9 +122,9 @@ private:
     std::map<std::string, std::shared_ptr<ServiceConnection>, std::less<>> sessions;
     asio::ip::tcp::socket socket{ioContext};
     HeaderBytes headerBuffer{};
-    TunnelMessage incoming{dataFrame};    // the frame being received
-    std::deque<TunnelMessage> sendQueue;  // the front is being written and stays until it is
-    HeaderBytes outgoingHeader{};
+    TunnelMessage incoming{dataFrame};  // the frame being received
+    SendQueue sendQueue;                // the front is being written and stays until it is
+    std::size_t sentBytes = 0;          // of the front, header included
 };
 
 }  // namespace nox::tunnel_client

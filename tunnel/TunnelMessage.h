@@ -45,6 +45,8 @@ struct FrameHeader {
     SessionField session = {};
 };
 
+inline std::size_t FrameBytes(const TunnelMessage& message) { return headerBytes + message.data.size(); }
+
 HeaderBytes EncodeHeader(const TunnelMessage& message);
 FrameHeader DecodeHeader(const HeaderBytes& bytes);
 
