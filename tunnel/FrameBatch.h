@@ -4,12 +4,13 @@
 #include <asio/buffer.hpp>
 #include <cstddef>
 #include <deque>
+#include <memory_resource>
 
 #include "tunnel/TunnelMessage.h"
 
 namespace nox::tunnel_client {
 
-using SendQueue = std::deque<TunnelMessage>;
+using SendQueue = std::pmr::deque<TunnelMessage>;
 
 /// The frames at the front of the queue as one gather list. The payloads stay in the queue, which must not change
 /// meanwhile.

@@ -1,9 +1,10 @@
 #include "tunnel/ServiceConnection.h"
 
+#include <algorithm>
+#include <array>
 #include <utility>
 
 #include "log/Log.h"
-#include "tunnel/WholeFrame.h"
 
 namespace nox::tunnel_client {
 
@@ -11,22 +12,21 @@ using asio::ip::tcp;
 
 ServiceConnection::ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner,
                                      asio::io_context& io, const Delays& fixedDelays)
-    : params(std::move(parameters)),
-      owner(sessionOwner),
-      delays(fixedDelays),
-      link(std::make_shared<Link>(io)),
-      timer(io) {}
-
-// The link may live on in an operation that is being cancelled; the service must see the end now.
-ServiceConnection::~ServiceConnection() { CloseSocket(); }
+    : params(std::move(parameters)), owner(sessionOwner), delays(fixedDelays), socket(io), timer(io) {}
 
 void ServiceConnection::Connect() {
     const tcp::endpoint service(asio::ip::make_address(params.localHost),
                                 static_cast<std::uint16_t>(params.localPort));
-    link->socket.async_connect(service, Weakly(&ServiceConnection::OnConnected));
+    std::error_code error;
+    socket.open(service.protocol(), error);
+    if (!error) socket.non_blocking(true, error);
+    if (!error) return socket.async_connect(service, Weakly(&ServiceConnection::OnConnected));
+    asio::post(socket.get_executor(),
+               [report = Weakly(&ServiceConnection::OnConnected), error] { report(error); });
 }
 
 void ServiceConnection::OnConnected(std::error_code error) {
+    connecting = false;
     if (error) {
         LogWrite("ServiceConnection", __LINE__, logError, "ServiceConnection::Connect: (%d) %s",
                  error.value(), error.message().c_str());
@@ -36,19 +36,40 @@ void ServiceConnection::OnConnected(std::error_code error) {
     // Small replies must not wait for an acknowledgement of the piece before. Without the
     // option it still works.
     std::error_code ignored;
-    link->socket.set_option(tcp::no_delay(true), ignored);
-    asio::post(link->socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
+    socket.set_option(tcp::no_delay(true), ignored);
+    ListenToService();
 }
 
 void ServiceConnection::ListenToService() {
     if (failed) return;
-    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, listening to service",
-             params.sessionId.c_str());
-    link->socket.async_read_some(asio::buffer(link->readBuffer), Weakly(&ServiceConnection::OnRead));
+    LogListening();
+    WaitForService();
 }
 
-void ServiceConnection::OnRead(std::error_code error, std::size_t size) {
-    if (!error) return Upload(size);
+void ServiceConnection::LogListening() const {
+    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, listening to service",
+             params.sessionId.c_str());
+}
+
+void ServiceConnection::WaitForService() {
+    socket.async_wait(tcp::socket::wait_read, Weakly(&ServiceConnection::OnReadable));
+}
+
+// A busy service is read several frames at a time, as if by one read after the other, and never past the pause.
+void ServiceConnection::OnReadable(std::error_code error) {
+    std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: what is not read is not looked at
+    const auto reads = static_cast<std::size_t>(std::min(maxReads, pauseAbove + 1 - pendingUploads));
+    const std::size_t size = error ? 0 : socket.read_some(asio::buffer(buffer, reads * maxReadBytes), error);
+    if (error == asio::error::would_block) return WaitForService();
+    if (error) return OnReadError(error);
+    for (std::size_t begin = 0; begin < size; begin += maxReadBytes) {
+        if (begin > 0) LogListening();
+        Upload({&buffer[begin], std::min(maxReadBytes, size - begin)});
+    }
+    if (!listeningPaused) ListenToService();
+}
+
+void ServiceConnection::OnReadError(std::error_code error) {
     failed = true;
     if (stopFlag) {
         LogWrite("ServiceConnection", __LINE__, logVerbose, "ListenToService error with stopFlag, session %s",
@@ -64,12 +85,11 @@ void ServiceConnection::OnRead(std::error_code error, std::size_t size) {
 }
 
 // Goes on after Stop too: what the service still says is relayed until the socket is closed.
-void ServiceConnection::Upload(std::size_t size) {
+void ServiceConnection::Upload(std::string_view bytes) {
     const char* id = params.sessionId.c_str();
     LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, received %d bytes from service", id,
-             static_cast<int>(size));
-    owner->QueueMessage(
-        TunnelMessage(dataFrame, params.sessionId, std::string(link->readBuffer.data(), size)));
+             static_cast<int>(bytes.size()));
+    owner->QueueMessage(TunnelMessage(dataFrame, params.sessionId, std::move(sparePayload.assign(bytes))));
     LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, pending uploads: %d", id,
              pendingUploads);
     ++pendingUploads;
@@ -77,15 +97,14 @@ void ServiceConnection::Upload(std::size_t size) {
         LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, pausing listening to service", id);
         listeningPaused = true;
     }
-    if (!listeningPaused)
-        asio::post(link->socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
 }
 
-void ServiceConnection::UploadFinished() {
+void ServiceConnection::UploadFinished(std::string payload) {
+    if (payload.capacity() > sparePayload.capacity()) sparePayload = std::move(payload);
     --pendingUploads;
     if (!listeningPaused || pendingUploads > resumeAt) return;
     listeningPaused = false;
-    asio::post(link->socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
+    asio::post(socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
 }
 
 void ServiceConnection::QueueData(std::string payload) {
@@ -94,38 +113,54 @@ void ServiceConnection::QueueData(std::string payload) {
     if (serviceQueue.size() > 1) return;  // the write under way goes on with the queue
     LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, resume sending to service",
              params.sessionId.c_str());
-    asio::post(link->socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
+    asio::post(socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
 }
 
-// While the connect is still under way the write waits behind it, and fails with it.
 void ServiceConnection::SendAsync() {
-    if (failed) return;
-    link->current = std::move(serviceQueue.front());
-    asio::async_write(link->socket, asio::buffer(link->current), WholeFrame,
-                      Weakly(&ServiceConnection::OnSent));
+    if (!failed) WritePayload();
 }
 
-void ServiceConnection::OnSent(std::error_code error, std::size_t size) {
-    const char* id = params.sessionId.c_str();
-    if (error) {
-        failed = true;
-        if (stopFlag) {
-            LogWrite("ServiceConnection", __LINE__, logVerbose, "SendAsync error with stopFlag, session %s",
-                     id);
-            return;
-        }
-        LogWrite("ServiceConnection", __LINE__, logError, "ServiceConnection::SendAsync, session %s: (%d) %s",
-                 id, error.value(), error.message().c_str());
-        owner->SendDisconnectSession(params.sessionId);
-        return Stop();
+// A payload once begun is written to its end, even if the service has ended its own half meanwhile. While the connect
+// is still under way the write waits behind it, and fails with it. It must not be tried: a socket tells only once why
+// its connect failed.
+void ServiceConnection::WritePayload() {
+    const std::string& payload = serviceQueue.front();
+    std::error_code error;
+    if (!connecting) sentBytes += socket.write_some(asio::buffer(payload) + sentBytes, error);
+    if (error && error != asio::error::would_block) return OnSendError(error);
+    if (sentBytes == payload.size()) return OnSent();
+    socket.async_wait(tcp::socket::wait_write, Weakly(&ServiceConnection::OnWritable));
+}
+
+void ServiceConnection::OnWritable(std::error_code error) {
+    if (error) return OnSendError(error);
+    WritePayload();
+}
+
+void ServiceConnection::OnSendError(std::error_code error) {
+    failed = true;
+    if (stopFlag) {
+        LogWrite("ServiceConnection", __LINE__, logVerbose, "SendAsync error with stopFlag, session %s",
+                 params.sessionId.c_str());
+        return;
     }
+    LogWrite("ServiceConnection", __LINE__, logError, "ServiceConnection::SendAsync, session %s: (%d) %s",
+             params.sessionId.c_str(), error.value(), error.message().c_str());
+    owner->SendDisconnectSession(params.sessionId);
+    Stop();
+}
+
+void ServiceConnection::OnSent() {
+    const char* id = params.sessionId.c_str();
     LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, sent %d bytes to service", id,
-             static_cast<int>(size));
+             static_cast<int>(sentBytes));
+    owner->PayloadWritten(std::move(serviceQueue.front()));
     serviceQueue.pop_front();
+    sentBytes = 0;
     if (serviceQueue.empty()) {
         LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing", id);
     } else {
-        asio::post(link->socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
+        asio::post(socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
     }
 }
 
@@ -159,7 +194,7 @@ void ServiceConnection::OnRemovalDelayOver(std::error_code) {
 
 void ServiceConnection::CloseSocket() {
     std::error_code ignored;  // nothing follows from a close that failed: the descriptor is gone either way
-    link->socket.close(ignored);
+    socket.close(ignored);
 }
 
 }  // namespace nox::tunnel_client

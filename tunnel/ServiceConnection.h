@@ -1,12 +1,12 @@
 #pragma once
 
-#include <array>
 #include <asio.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tunnel/Delays.h"
 #include "tunnel/SessionOwner.h"
@@ -21,8 +21,8 @@ struct SessionParams {
 
 /// Bridges one tunnel session to one local TCP service.
 ///
-///   Connect -> OnConnected -> ListenToService <-> OnRead     (paused by too many uploads, see UploadFinished)
-///              QueueData   -> SendAsync       <-> OnSent
+///   Connect -> OnConnected -> ListenToService <-> OnReadable (paused by too many uploads, see UploadFinished)
+///              QueueData   -> SendAsync -> WritePayload <-> OnWritable, then OnSent
 ///   Stop -> OnCloseDelayOver -> OnRemovalDelayOver           (traffic goes on until the socket is closed)
 ///
 /// Both directions run independently; one read and one write are under way at most. Made with make_shared.
@@ -33,7 +33,6 @@ public:
     /// @param sessionOwner not owned, outlives the connection
     ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner, asio::io_context& io,
                       const Delays& fixedDelays = {});
-    ~ServiceConnection();
     ServiceConnection(const ServiceConnection&) = delete;
     ServiceConnection& operator=(const ServiceConnection&) = delete;
 
@@ -48,39 +47,38 @@ public:
     void QueueData(std::string payload);
 
     /// One data frame of this session has been written to the tunnel.
-    void UploadFinished();
+    /// @param payload what it carried; the next upload goes into the same memory
+    void UploadFinished(std::string payload);
 
     /// Begins the delayed shutdown; calling it again only logs.
     void Stop();
 
 private:
     static constexpr std::size_t maxReadBytes = 16384;
+    static constexpr int maxReads = 4;     // in one call; more brought nothing
     static constexpr int pauseAbove = 19;  // uploads not yet written to the tunnel
     static constexpr int resumeAt = 14;    // the gap keeps reading from stuttering at the limit
-
-    // What asio's operations point into. Handlers share it: an operation may outlive the connection, and one
-    // that has written half a payload by then still goes through its socket once more, to find it closed.
-    struct Link {
-        explicit Link(asio::io_context& io) : socket(io) {}
-        asio::ip::tcp::socket socket;
-        std::string current;                        // the payload being written
-        std::array<char, maxReadBytes> readBuffer;  // not initialised: until it is used it costs no memory
-    };
 
     // A handler that does nothing once the connection is gone.
     template <typename Method>
     auto Weakly(Method method) {
-        return [weak = weak_from_this(), kept = link, method](auto... results) {
+        return [weak = weak_from_this(), method](auto... results) {
             if (auto self = weak.lock()) (self.get()->*method)(results...);
         };
     }
 
     void OnConnected(std::error_code error);
     void ListenToService();
-    void OnRead(std::error_code error, std::size_t size);
-    void Upload(std::size_t size);
+    void LogListening() const;
+    void WaitForService();
+    void OnReadable(std::error_code error);
+    void OnReadError(std::error_code error);
+    void Upload(std::string_view bytes);
     void SendAsync();
-    void OnSent(std::error_code error, std::size_t size);
+    void WritePayload();
+    void OnWritable(std::error_code error);
+    void OnSendError(std::error_code error);
+    void OnSent();
     void Wait(std::chrono::milliseconds delay, void (ServiceConnection::*then)(std::error_code));
     void OnCloseDelayOver(std::error_code);
     void OnRemovalDelayOver(std::error_code);
@@ -90,11 +88,13 @@ private:
     SessionOwner* owner;
     Delays delays;
     bool stopFlag = false;
-    bool failed = false;  // a read or write failed: no further one is started. Independent of stopFlag.
-    std::shared_ptr<Link> link;
-    asio::steady_timer timer;  // the shutdown's
-    std::deque<std::string>
-        serviceQueue;  // the front is being written; its bytes have moved to link->current
+    bool failed = false;     // a read or write failed: no further one is started. Independent of stopFlag.
+    bool connecting = true;  // until the connect has been answered, well or badly
+    asio::ip::tcp::socket socket;
+    asio::steady_timer timer;              // the shutdown's
+    std::deque<std::string> serviceQueue;  // the front is being written
+    std::size_t sentBytes = 0;             // of the front
+    std::string sparePayload;              // of an upload
     bool listeningPaused = false;
     int pendingUploads = 0;  // frames handed to the owner and not yet reported written
 };

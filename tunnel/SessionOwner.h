@@ -13,6 +13,8 @@ public:
     virtual ~SessionOwner() = default;
     /// Bytes read from the local service, as a data frame for the server.
     virtual void QueueMessage(TunnelMessage message) = 0;
+    /// A payload has been written to the service; its memory may serve another.
+    virtual void PayloadWritten(std::string payload) = 0;
     /// The connection to the local service could not be made.
     virtual void ServiceConnectionFailed(const std::string& sessionId) = 0;
     /// An established connection failed while reading or writing.

@@ -140,6 +140,7 @@ void TunnelClient::OnHeader(std::error_code error, std::size_t) {
     }
     incoming.type = header.type;
     incoming.session = header.session;
+    if (incoming.data.capacity() < header.length) incoming.data.swap(sparePayload);
     incoming.data.resize(header.length);
     asio::async_read(socket, asio::buffer(incoming.data), WholeFrame, Handler(&TunnelClient::OnPayload));
 }
@@ -302,6 +303,12 @@ void TunnelClient::SendDisconnectSession(const std::string& sessionId) {
     QueueMessage(TunnelMessage(controlFrame, "", BuildDisconnectSessionMessage(sessionId)));
 }
 
+// The next frame's payload goes where this one was. Memory that is new would first have to be found, and filled with
+// zeros.
+void TunnelClient::PayloadWritten(std::string payload) {
+    if (payload.capacity() > sparePayload.capacity()) sparePayload = std::move(payload);
+}
+
 void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     const auto session = sessions.find(sessionId);
     if (session == sessions.end()) {
@@ -312,7 +319,9 @@ void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     sessions.erase(session);
     // A service slower than its client can have made us hold megabytes; the allocator would
     // keep them for itself.
-    if (sessions.empty()) malloc_trim(0);
+    if (!sessions.empty()) return;
+    sparePayload = {};
+    malloc_trim(0);
 }
 
 // ---- Sending
@@ -403,7 +412,7 @@ void TunnelClient::FinishFrames(std::size_t size) {
 }
 
 void TunnelClient::FinishFrame() {
-    const TunnelMessage& outgoing = sendQueue.front();
+    TunnelMessage& outgoing = sendQueue.front();
     LogWrite("TunnelClient", 415, logVerbose, "Finished upload, length %d",
              static_cast<int>(FrameBytes(outgoing)));
     if (outgoing.type == dataFrame) ReportUpload(outgoing);
@@ -414,9 +423,9 @@ void TunnelClient::FinishFrame() {
 
 // By the id on the wire, whoever holds it now: a session with another length of id is never
 // told, and pauses for good.
-void TunnelClient::ReportUpload(const TunnelMessage& outgoing) {
+void TunnelClient::ReportUpload(TunnelMessage& outgoing) {
     const auto session = sessions.find(outgoing.SessionId());
-    if (session != sessions.end()) return session->second->UploadFinished();
+    if (session != sessions.end()) return session->second->UploadFinished(std::move(outgoing.data));
     LogWrite("TunnelClient", 424, logDebug, "In SendAsync, session %s not found",
              std::string(outgoing.SessionId()).c_str());
 }

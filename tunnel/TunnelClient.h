@@ -87,6 +87,7 @@ private:
     void ServiceConnectionFailed(const std::string& sessionId) override;
     void SendDisconnectSession(const std::string& sessionId) override;
     void RemoveStoppedSession(const std::string& sessionId) override;
+    void PayloadWritten(std::string payload) override;
 
     // Sending
     std::string BuildVerifyMessage() const;
@@ -102,7 +103,7 @@ private:
     void OnSendError(std::error_code error);
     void FinishFrames(std::size_t size);
     void FinishFrame();
-    void ReportUpload(const TunnelMessage& outgoing);
+    void ReportUpload(TunnelMessage& outgoing);
     void SendHeartbeat();
     void OnHeartbeatTimer(std::error_code error);
 
@@ -122,9 +123,11 @@ private:
     std::map<std::string, std::shared_ptr<ServiceConnection>, std::less<>> sessions;
     asio::ip::tcp::socket socket{ioContext};
     HeaderBytes headerBuffer{};
-    TunnelMessage incoming{dataFrame};  // the frame being received
-    SendQueue sendQueue;                // the front is being written and stays until it is
-    std::size_t sentBytes = 0;          // of the front, header included
+    TunnelMessage incoming{dataFrame};                   // the frame being received
+    std::string sparePayload;                            // has served, and may serve again
+    std::pmr::unsynchronized_pool_resource queueBlocks;  // a long queue's blocks serve again
+    SendQueue sendQueue{&queueBlocks};                   // the front is being written and stays until it is
+    std::size_t sentBytes = 0;                           // of the front, header included
 };
 
 }  // namespace nox::tunnel_client
