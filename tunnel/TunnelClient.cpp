@@ -142,7 +142,18 @@ void TunnelClient::OnHeader(std::error_code error, std::size_t) {
     incoming.session = header.session;
     if (incoming.data.capacity() < header.length) incoming.data.swap(sparePayload);
     incoming.data.resize(header.length);
-    asio::async_read(socket, asio::buffer(incoming.data), WholeFrame, Handler(&TunnelClient::OnPayload));
+    ReadPayload();
+}
+
+// Most often all of it is there already.
+void TunnelClient::ReadPayload() {
+    std::error_code error;
+    const std::size_t size = socket.read_some(asio::buffer(incoming.data), error);
+    if (error && error != asio::error::would_block) return OnPayload(error, size);
+    if (size == incoming.data.size()) return OnPayload({}, size);
+    asio::async_read(
+        socket, asio::buffer(incoming.data) + size, WholeFrame,
+        [this, size](std::error_code result, std::size_t rest) { OnPayload(result, size + rest); });
 }
 
 void TunnelClient::OnPayload(std::error_code error, std::size_t size) {

@@ -71,6 +71,7 @@ private:
     // Receiving
     void ListenToTunnelServer();
     void OnHeader(std::error_code error, std::size_t);
+    void ReadPayload();
     void OnPayload(std::error_code error, std::size_t size);
     void HandleMessage();
     void HandleData();
