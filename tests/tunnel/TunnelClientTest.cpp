@@ -4,6 +4,7 @@
 #include <map>
 #include <regex>
 #include <set>
+#include <utility>
 
 #include "tests/support/LogCapture.h"
 #include "tests/tunnel/TunnelRun.h"
@@ -18,28 +19,11 @@ using namespace std::string_literals;
 using namespace support;
 using Lines = std::vector<std::string>;
 
-const std::string welcome = "[TunnelClient:283] Tunnel server message: welcome";
-const std::string stillHere = "[TunnelClient:283] Tunnel server message: still here";
-
-// What a server can say without losing the connection: each has its line, and the next message is read.
 struct Spoken {
     const char* name;
     std::function<void(lab::Connection&)> say;
     Lines log;
 };
-const auto nameOfRow = [](const auto& row) { return std::string(row.param.name); };
-class SurvivesMessages : public testing::TestWithParam<Spoken> {};
-
-TEST_P(SurvivesMessages, WithALineForEach) {
-    const auto log = RunTunnel({[](lab::Connection& agent) {
-                                   Accept(agent);
-                                   GetParam().say(agent);
-                                   Say(agent, R"({"method":"message","message":"still here"})");
-                                   HangUp(agent);
-                               }},
-                               logDebug);
-    EXPECT_EQ(Between(log, welcome, stillHere), GetParam().log);
-}
 
 // A control frame, signed; what a row cannot sign it sends as it is.
 auto Signed(const std::string& json) {
@@ -64,6 +48,7 @@ const std::string noSign = "[TunnelClient:266] Missing sign: in server message";
 const std::string noNewSession = "[TunnelClient:289] Incomplete new_session request: ";
 const std::string deepPairs = "{\"a\":" + std::string(65530, '[') + std::string(65530, ']') + "}";
 
+// What a server can say without losing the connection.
 const Spoken survived[] = {
     {"NotJson", Raw(3, "hello"), {noObject}},
     {"Empty", Raw(3, ""), {noObject}},
@@ -103,17 +88,28 @@ const Spoken survived[] = {
      {"[TunnelClient:224] Received data for unknown session 0123456789abcdef"}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Control, SurvivesMessages, testing::ValuesIn(survived), nameOfRow);
-
-// What ends a connection, with the whole log of it: the line of the cause, the delayed close
-// and what it brings.
-class EndsTheConnection : public testing::TestWithParam<Spoken> {};
-
-TEST_P(EndsTheConnection, AndTheNextOneIsTried) {
-    const auto log = RunTunnel({GetParam().say}, logDebug);
-    ASSERT_FALSE(log.empty());
-    EXPECT_THAT(log.front(), testing::StartsWith("[TunnelClient:98] Connecting to tunnel server 127.0.0.1:"));
-    EXPECT_EQ(Lines(log.begin() + 1, log.end()), GetParam().log);
+TEST(TunnelClientTest, AnswersEachMessageWithItsLineAndReadsTheNext) {
+    const auto log = RunTunnel({[](lab::Connection& agent) {
+                                   Accept(agent);
+                                   for (const Spoken& row : survived) {
+                                       row.say(agent);
+                                       Say(agent, R"({"method":"message","message":")"s + row.name + "\"}");
+                                   }
+                                   HangUp(agent);
+                               }},
+                               logDebug);
+    const std::string marker = "[TunnelClient:283] Tunnel server message: ";
+    std::map<std::string, Lines> told;
+    Lines lines;
+    for (const std::string& line : log) {
+        if (line.rfind(marker, 0) == 0) {
+            told[line.substr(marker.size())] = std::exchange(lines, {});
+        } else if (line != "[TunnelClient:448] Sending heartbeat") {
+            lines.push_back(line);
+        }
+    }
+    EXPECT_EQ(told.size(), 1 + std::size(survived)) << "the welcome and these";
+    for (const Spoken& row : survived) EXPECT_EQ(told[row.name], row.log) << row.name;
 }
 
 const std::string closing = "[TunnelClient:147] Closing tunnel server socket after timer delay";
@@ -124,54 +120,54 @@ auto Bytes(const std::string& bytes) {
         HangUp(agent);
     };
 }
+void Forge(lab::Connection& agent) {
+    lab::WriteFrame(agent, {3, "", R"({"method":"conflict","timestamp":17,"sign":"0"})"});
+    agent.ReadToEnd();
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Causes, EndsTheConnection,
-    testing::Values(
-        Spoken{"OneByteTooLong",
-               Bytes("\x03\0\x02\0\x01"s + "0000000000000000" + "not read"),
-               {"[TunnelClient:178] Tunnel message size too large: 131073", closing, timeout}},
-        Spoken{"FourGigabytes",
-               Bytes("\x03\xFF\xFF\xFF\xFF"s + "0000000000000000"),
-               {"[TunnelClient:178] Tunnel message size too large: -1", closing, timeout}},
-        Spoken{"ForgedSignature",
-               [](lab::Connection& agent) {
-                   lab::WriteFrame(agent, {3, "", R"({"method":"conflict","timestamp":17,"sign":"0"})"});
-                   agent.ReadToEnd();
-               },
-               {"[TunnelClient:259] Message signature mismatch: 0, 7CE9ADCE4793965D9571BDB8F822BCA8",
-                "[TunnelClient:260] Failed to verify server message", closing, timeout}}),
-    nameOfRow);
-
-// What a server can say that ends the whole run: the cycle logs it and registers again.
-struct Fatal {
-    const char* name;
-    const char* members;  // of the request for a session
-    const char* error;
-};
-class EndsTheRun : public testing::TestWithParam<Fatal> {};
-
-TEST_P(EndsTheRun, WithAnException) {
-    try {
-        RunTunnel({[](lab::Connection& agent) {
-            Accept(agent);
-            Say(agent, R"({"method":"new_session","session":"s",)" + std::string(GetParam().members) + "}");
-            agent.ReadToEnd();
-        }});
-        FAIL() << "the run went on";
-    } catch (const std::exception& error) {
-        EXPECT_THAT(error.what(), testing::StartsWith(GetParam().error));
+// With the whole log of it: the line of the cause, the delayed close and what it brings.
+TEST(TunnelClientTest, EndsTheConnectionAndTriesTheNextOne) {
+    const Spoken table[] = {
+        {"OneByteTooLong",
+         Bytes("\x03\0\x02\0\x01"s + "0000000000000000" + "not read"),
+         {"[TunnelClient:178] Tunnel message size too large: 131073", closing, timeout}},
+        {"FourGigabytes",
+         Bytes("\x03\xFF\xFF\xFF\xFF"s + "0000000000000000"),
+         {"[TunnelClient:178] Tunnel message size too large: -1", closing, timeout}},
+        {"ForgedSignature",
+         Forge,
+         {"[TunnelClient:259] Message signature mismatch: 0, 7CE9ADCE4793965D9571BDB8F822BCA8",
+          "[TunnelClient:260] Failed to verify server message", closing, timeout}}};
+    for (const Spoken& row : table) {
+        const auto log = RunTunnel({row.say}, logDebug);
+        ASSERT_FALSE(log.empty());
+        EXPECT_THAT(log.front(),
+                    testing::StartsWith("[TunnelClient:98] Connecting to tunnel server 127.0.0.1:"));
+        EXPECT_EQ(Lines(log.begin() + 1, log.end()), row.log) << row.name;
     }
 }
 
-const Fatal fatal[] = {
-    {"PortIsAWord", R"("localHost":"127.0.0.1","localPort":"abc")", "stoi"},
-    {"PortIsTooLarge", R"("localHost":"127.0.0.1","localPort":4294967296)", "stoi"},
-    {"HostIsMissing", R"("localPort":80)", "Invalid argument"},
-    {"HostIsANumber", R"("localPort":80,"localHost":5)", "Invalid argument"},
-    {"HostIsAName", R"("localPort":80,"localHost":"localhost")", "Invalid argument"},
-};
-INSTANTIATE_TEST_SUITE_P(Requests, EndsTheRun, testing::ValuesIn(fatal), nameOfRow);
+// What a server can ask for that ends the whole run: the cycle logs it and registers again.
+TEST(TunnelClientTest, ThrowsForAServiceWithoutAddress) {
+    const std::pair<const char*, const char*> table[] = {
+        {R"("localHost":"127.0.0.1","localPort":"abc")", "stoi"},
+        {R"("localHost":"127.0.0.1","localPort":4294967296)", "stoi"},
+        {R"("localPort":80)", "Invalid argument"},
+        {R"("localPort":80,"localHost":5)", "Invalid argument"},
+        {R"("localPort":80,"localHost":"localhost")", "Invalid argument"},
+        {R"("localPort":80,"localHost":"127.1")", "Invalid argument"}};
+    for (const auto& [members, error] : table) {
+        const auto ask = [request =
+                              R"({"method":"new_session","session":"s",)"s + members + "}"](auto& agent) {
+            Accept(agent);
+            Say(agent, request);
+            agent.ReadToEnd();
+        };
+        EXPECT_THAT([&] { RunTunnel({ask}); },
+                    testing::ThrowsMessage<std::exception>(testing::StartsWith(error)))
+            << members;
+    }
+}
 
 TEST(TunnelClientTest, IntroducesItselfAndBeats) {
     std::string verify;
@@ -224,16 +220,15 @@ TEST(TunnelClientTest, IntroducesItselfAndBeats) {
 
 TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
     TunnelConfig config = QuickConfig(lab::ScriptedServer({}).Port());
-    for (const char* failure :
-         {"Failed to connect: (111) Connection refused", "Failed to resolve server: ("}) {
+    const std::string again = "[TunnelClient:50] Tunnel reconnecting...";
+    for (const char* failure : {"[TunnelClient:112] Failed to connect: (111) Connection refused",
+                                "[TunnelClient:104] Failed to resolve server: ("}) {
         support::LogCapture log(logError);
         TunnelClient(config, QuickDelays()).Run();
-        const Lines lines = log.Texts();
-        ASSERT_EQ(lines.size(), 6U);
-        for (const std::size_t attempt : {0U, 2U, 4U})
-            EXPECT_THAT(lines[attempt], testing::StartsWith(failure));
-        EXPECT_EQ(lines[1] + lines[3], "Tunnel reconnecting...Tunnel reconnecting...");
-        EXPECT_EQ(lines[5], "Too many reconnects, will restart discovery");
+        const auto failed = testing::StartsWith(failure);
+        EXPECT_THAT(log.Lines(),
+                    testing::ElementsAre(failed, again, failed, again, failed,
+                                         "[TunnelClient:45] Too many reconnects, will restart discovery"));
         config.serverHost = "not a host name";
     }
 }
@@ -265,16 +260,12 @@ Lines SayEverything(int level) {
         agent.Write("\3\0\0\0\1"s + "0000000000000000");
         HangUp(agent);
     };
-    const auto forged = [](lab::Connection& agent) {
-        lab::WriteFrame(agent, {3, "", R"({"method":"x","timestamp":1,"sign":"x"})"});
-        agent.ReadToEnd();
-    };
     Delays delays = QuickDelays();
     delays.verificationLimit = 50ms;
     delays.tunnelClose = 10ms;
     delays.second = 1ms;
     const auto tooLong = Bytes("\3\xFF\xFF\xFF\xFF"s + "0000000000000000");
-    return RunTunnel({everything, forged, tooLong}, level, delays);
+    return RunTunnel({everything, Forge, tooLong}, level, delays);
 }
 
 /// What a line is known by: its number, or where that is the line of the call, the end of its text.

@@ -82,15 +82,4 @@ Heard Listen(lab::Connection& agent, int ends) {
 
 std::string Megabytes(std::size_t count) { return std::string(count * 1000000, 'x'); }
 
-std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,
-                                 const std::string& last) {
-    auto from = std::find(lines.begin(), lines.end(), first);
-    if (from != lines.end()) ++from;
-    return {from, std::find(from, lines.end(), last)};
-}
-
-std::size_t Count(const std::vector<std::string>& lines, const std::string& line) {
-    return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
-}
-
 }  // namespace support

@@ -45,9 +45,4 @@ Heard Listen(lab::Connection& agent, int ends);
 
 std::string Megabytes(std::size_t count);  ///< of one letter
 
-/// The lines after `first` and before `last`.
-std::vector<std::string> Between(const std::vector<std::string>& lines, const std::string& first,
-                                 const std::string& last);
-std::size_t Count(const std::vector<std::string>& lines, const std::string& line);
-
 }  // namespace support
