@@ -8,12 +8,10 @@ namespace {
 
 using lab::Connection;
 
-std::string ReplyTo(const std::string& request, unsigned short api) {
-    if (request.find("token") != std::string::npos) return R"({"status":"ok","token":"tok"})";
-    if (request.find("certificate_id") != std::string::npos)
-        return R"({"status":"ok","certificate_id":"cert-1"})";
-    return R"({"status":"ok","discovery_data":{"tenantId":"t1","config":{"tunnelServer":{"serverEndpoint":1,)"
-           R"("apiEndpoint":"http://127.0.0.1:)" +
+/// What answers every request to the SSO service.
+std::string Identity(unsigned short api) {
+    return R"({"status":"ok","token":"tok","certificate_id":"cert-1","discovery_data":{"tenantId":"t1",)"
+           R"("config":{"tunnelServer":{"serverEndpoint":1,"apiEndpoint":"http://127.0.0.1:)" +
            std::to_string(api) + R"("}}}})";
 }
 
@@ -27,27 +25,24 @@ std::string Added(unsigned short tunnel) {
 
 std::vector<lab::Conversation> Always(const lab::Conversation& conversation) { return {500, conversation}; }
 
-Cloud::Cloud(const lab::Conversation& tunnel, const std::function<void(const std::string&)>& whenAsked)
+Cloud::Cloud(const lab::Conversation& tunnel)
     : tunnelServer(Always(tunnel)),
-      api(Always([whenAsked, port = tunnelServer.Port()](Connection& agent) {
-          whenAsked(lab::ReadHttpRequest(agent).target);
-          agent.Write(lab::HttpReply(200, Added(port)));
+      api(Always([reply = lab::HttpReply(200, Added(tunnelServer.Port()))](Connection& agent) {
+          lab::ReadHttpRequest(agent);
+          agent.Write(reply);
       })),
-      sso(Always([whenAsked, port = api.Port()](Connection& agent) {
-          const std::string request = lab::ReadSsoRequest(agent);
-          whenAsked(request);
-          agent.Write(lab::SsoReply(ReplyTo(request, port)));
+      sso(Always([reply = lab::SsoReply(Identity(api.Port()))](Connection& agent) {
+          lab::ReadSsoRequest(agent);
+          agent.Write(reply);
       })) {}
 
-std::vector<std::string> Cloud::Command(const std::string& level, const std::string& logPath,
-                                        int pause) const {
-    return {
-        AGENT_PROGRAM,
-        folder.Write("agent.json",
-                     R"({"ssoService":{"type":"local-socket","port":)" + std::to_string(sso.Port()) +
-                         R"(},"tunnel":{"routes":[{"serviceName":"web","remotePort":80}],"log_level":")" +
-                         level + R"(","log_path":")" + logPath + R"("},"timers":{"registrationReconnect":)" +
-                         std::to_string(pause) + R"(,"tunnelReconnect":1}})")};
+std::vector<std::string> Cloud::Command(const std::string& level, int pause) const {
+    return {AGENT_PROGRAM,
+            folder.Write("agent.json",
+                         R"({"ssoService":{"type":"local-socket","port":)" + std::to_string(sso.Port()) +
+                             R"(},"tunnel":{"routes":[{"serviceName":"web","remotePort":80}],"log_level":")" +
+                             level + R"("},"timers":{"registrationReconnect":)" + std::to_string(pause) +
+                             R"(,"tunnelReconnect":1}})")};
 }
 
 std::vector<std::string> Cloud::Environment(int speed, std::vector<std::string> fault) {

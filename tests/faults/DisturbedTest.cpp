@@ -1,11 +1,9 @@
 // The machine misbehaves around the running agent; it lives on, says what it has to say, and recovers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netdb.h>
 #include <sys/resource.h>
 
 #include <atomic>
-#include <sstream>
 
 #include "tests/faults/Cloud.h"
 #include "tests/support/Eventually.h"
@@ -19,20 +17,6 @@ using testing::HasSubstr;
 
 const std::string first = "session-00000001", second = "session-00000002";
 const std::string ready = "Sending heartbeat";
-
-/// A tunnel that is verified and then left alone until the agent hangs up.
-void Idle(lab::Connection& agent) {
-    says::Welcome(agent);
-    agent.ReadToEnd();
-}
-
-/// Without descriptors the undefined-behaviour sanitizer cannot look at memory, and takes every object for a broken
-/// one.
-#ifdef __SANITIZE_ADDRESS__
-#define SKIP_WITHOUT_DESCRIPTORS() GTEST_SKIP() << "the sanitizer itself needs descriptors"
-#else
-#define SKIP_WITHOUT_DESCRIPTORS() static_cast<void>(0)
-#endif
 
 /// The agent, for servers that are there before it.
 struct Running {
@@ -60,66 +44,11 @@ std::size_t Count(const std::string& log, const std::string& text) {
     return count;
 }
 
-/// The log's own time of the first line with that text, in seconds of the day.
-double TimeOf(const std::string& log, const std::string& text) {
-    const auto at = log.find(text);
-    EXPECT_NE(at, std::string::npos) << text << " is missing in\n" << log;
-    if (at == std::string::npos) return 0;
-    int hours = 0, minutes = 0;
-    double seconds = 0;
-    char colon = ':';
-    std::istringstream(log.substr(log.rfind('\n', at) + 1)) >> hours >> colon >> minutes >> colon >> seconds;
-    return hours * 3600 + minutes * 60 + seconds;
-}
-
-/// From the first line to the second; a second may be missing, because the log reads two clocks for one line.
-void ExpectDelay(const std::string& log, const std::string& from, const std::string& to, double seconds) {
-    double lasted = TimeOf(log, to) - TimeOf(log, from);
-    if (lasted < -1) lasted += 86400;
-    EXPECT_GE(lasted, seconds - 1) << from << " to " << to;
-    EXPECT_LE(lasted, seconds + 10) << from << " to " << to;
-}
-
-// ---- Descriptors run out
-
-struct Shortage {
-    const char* name;
-    const char* request;  // when it is being answered,
-    rlim_t descriptors;   // the agent, which holds three, may have so many
-    const char* says;
-};
-void PrintTo(const Shortage& shortage, std::ostream* out) { *out << shortage.name; }
-
-class NoDescriptors : public testing::TestWithParam<Shortage> {};
-
-TEST_P(NoDescriptors, EndsTheTurnUntilThereAreSome) {
-    SKIP_WITHOUT_DESCRIPTORS();
-    Running running;
-    std::atomic<bool> scarce{true};
-    Cloud cloud(Idle, [&](const std::string& request) {
-        if (scarce && request.find(GetParam().request) != std::string::npos)
-            Limit(running.Agent(), RLIMIT_NOFILE, GetParam().descriptors);
-    });
-    support::Process agent(cloud.Command("info", "", 1), Cloud::Environment(1));
-    running.agent = &agent;
-    EXPECT_TRUE(Says(agent, GetParam().says)) << agent.Output() << agent.Errors();
-    scarce = false;
-    Limit(agent, RLIMIT_NOFILE, 100);
-    EXPECT_TRUE(Says(agent, ready)) << agent.Output();
-    EXPECT_TRUE(agent.IsRunning());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Places, NoDescriptors,
-    testing::Values(
-        Shortage{"Sso", "\"data\"", 3, "Discovery failed: eventfd_select_interrupter: Too many open files"},
-        Shortage{"Http", "token", 3, "Curl error, code: "},
-        Shortage{"EventLoop", "/routes/add", 3, "Tunnel client error: eventfd_select_interrupter: Too many"},
-        Shortage{"TunnelConnect", "/routes/add", 5, "[TunnelClient:112] Failed to connect: (125)"}),
-    [](const auto& row) { return std::string(row.param.name); });
-
 TEST(DisturbedAgent, KeepsItsSessionsWhenThereIsNoDescriptorForAnother) {
-    SKIP_WITHOUT_DESCRIPTORS();
+#ifdef __SANITIZE_ADDRESS__
+    // The undefined-behaviour sanitizer looks at memory through descriptors, and takes every object for a broken one.
+    GTEST_SKIP() << "the sanitizer itself needs descriptors";
+#endif
     lab::ScriptedServer one({RepeatAll}), two({RepeatAll});
     Running running;
     Cloud cloud([&](lab::Connection& tunnel) {
@@ -141,8 +70,6 @@ TEST(DisturbedAgent, KeepsItsSessionsWhenThereIsNoDescriptorForAnother) {
     EXPECT_EQ(Count(agent.Output(), "ServiceConnection::Connect: (24) Too many open files"), 1U);
 }
 
-// ---- The log cannot be written
-
 TEST(DisturbedAgent, OutlivesAFullDiskAndWritesAgain) {
     std::atomic<int> turns{0};
     Cloud cloud([&](lab::Connection& tunnel) {
@@ -151,7 +78,7 @@ TEST(DisturbedAgent, OutlivesAFullDiskAndWritesAgain) {
         says::NoAddress(tunnel);
         tunnel.ReadToEnd();
     });
-    support::Process agent(cloud.Command("info", "", 1), Cloud::Environment(20));
+    support::Process agent(cloud.Command("info", 1), Cloud::Environment(20));
     ASSERT_TRUE(Says(agent, ready));
     Limit(agent, RLIMIT_FSIZE, 10);
     const int full = turns;
@@ -162,25 +89,6 @@ TEST(DisturbedAgent, OutlivesAFullDiskAndWritesAgain) {
     EXPECT_THAT(agent.Output().substr(written + 1000), HasSubstr("[TunnelClient:448] " + ready));
     EXPECT_TRUE(agent.IsRunning());
 }
-
-TEST(DisturbedAgent, OutlivesTheFolderOfItsLog) {
-    std::atomic<int> turns{0};
-    Cloud cloud([&](lab::Connection& tunnel) {
-        says::Welcome(tunnel);
-        ++turns;
-        says::NoAddress(tunnel);
-    });
-    const auto logs = cloud.folder.Path() / "logs";
-    std::filesystem::create_directory(logs);
-    support::Process agent(cloud.Command("info", logs / "agent", 1), Cloud::Environment(20));
-    ASSERT_TRUE(Eventually([&] { return turns > 0; }));
-    EXPECT_GT(std::filesystem::remove_all(logs), 1U) << "folder and log";
-    const int removed = turns;
-    EXPECT_TRUE(Eventually([&] { return turns > removed + 2; }));
-    EXPECT_EQ(agent.Output() + agent.Errors(), "");
-}
-
-// ---- Time and names
 
 TEST(DisturbedAgent, GoesOnAfterBeingStoppedAcrossItsTimers) {
     lab::ScriptedServer service({RepeatAll});
@@ -204,56 +112,21 @@ TEST(DisturbedAgent, GoesOnAfterBeingStoppedAcrossItsTimers) {
 }
 
 TEST(DisturbedAgent, BeatsByTheMonotonicClock) {
+    Running running;
     std::vector<std::chrono::steady_clock::time_point> beats;
     Cloud cloud([&](lab::Connection& tunnel) {
         says::Welcome(tunnel);
-        while (beats.size() < 4) {
-            if (lab::ReadFrame(tunnel).type == lab::heartbeatFrame)
-                beats.push_back(std::chrono::steady_clock::now());
+        while (beats.size() < 3) {
+            if (lab::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
+            beats.push_back(std::chrono::steady_clock::now());
+            if (beats.size() == 1) running.Agent().Signal(SIGUSR1);  // the wall clock falls back
         }
         says::NoAddress(tunnel);
     });
-    // Each line reads the clock: the jump falls between the first two heartbeats.
-    support::Process agent(cloud.Command("debug"), Cloud::Environment(100, {"FAIL_CALL=time", "FAIL_AT=30"}));
+    support::Process agent(cloud.Command("debug"), Cloud::Environment(100));
+    running.agent = &agent;
     ASSERT_TRUE(Says(agent, "Tunnel client error")) << agent.Output();
-    EXPECT_THAT(agent.Errors(), HasSubstr("the chosen call fails"));
-    for (std::size_t i = 2; i < beats.size(); ++i) EXPECT_GE(beats[i] - beats[i - 1], 200ms) << i;
-}
-
-TEST(DisturbedAgent, TriesAgainWhenTheResolverAnswersNothing) {
-    Cloud cloud(Idle);
-    support::Process agent(cloud.Command("info"),
-                           Cloud::Environment(50, {"FAIL_CALL=getaddrinfo", "FAIL_AT=1",
-                                                   "FAIL_ERRNO=" + std::to_string(EAI_AGAIN)}));
-    ASSERT_TRUE(Says(agent, ready));
-    EXPECT_EQ(Count(agent.Output(), "[TunnelClient:104] Failed to resolve server: (2) Host not found"), 1U);
-    EXPECT_EQ(Count(agent.Output(), "[TunnelClient:50] Tunnel reconnecting..."), 1U);
-}
-
-// ---- The real figures
-
-TEST(DisturbedAgent, WaitsAsLongAsDescribed) {
-    lab::ScriptedServer service({RepeatAll});
-    std::atomic<int> connections{0};
-    Cloud cloud([&](lab::Connection& tunnel) {
-        if (++connections == 1) return static_cast<void>(tunnel.ReadToEnd());
-        says::Welcome(tunnel);
-        says::NewSession(tunnel, first, service.Port());
-        says::Echo(tunnel, first);
-        says::EndSession(tunnel, first);
-        while (lab::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
-        says::NoAddress(tunnel);
-    });
-    support::Process agent(cloud.Command("verbose"), Cloud::Environment(20));
-    ASSERT_TRUE(Says(agent, "Tunnel client error"));
-    const std::string log = agent.Output();
-    ExpectDelay(log, "TunnelClient:115]", "Verification timeout", 15);
-    ExpectDelay(log, "Verification timeout", "Closing tunnel server socket after timer delay", 5);
-    ExpectDelay(log, "Session " + first + " ended", "Closing session " + first + " socket after timer delay",
-                5);
-    ExpectDelay(log, "Closing session " + first, "Stopping session " + first + " after timer delay", 5);
-    ExpectDelay(log, "[TunnelClient:448]", "Sending heartbeat\n", 0);
-    EXPECT_EQ(Count(log, "[TunnelClient:448]"), 2U);
+    for (std::size_t i = 1; i < beats.size(); ++i) EXPECT_GE(beats[i] - beats[i - 1], 200ms) << i;
 }
 
 }  // namespace

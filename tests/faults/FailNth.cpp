@@ -2,8 +2,8 @@
 // allocations), FAIL_AT says which of its calls from main on, from 1, and FAIL_ERRNO with which error, which
 // getaddrinfo and pthread_create return themselves.
 //
-// "time" does not fail: from that reading on the wall clock is a day behind. The moment is announced on standard
-// error. SIGTERM ends the process in order, so that a leak checker gets its turn.
+// The moment is announced on standard error. SIGUSR1 sets the wall clock back by a day. SIGTERM ends the process in
+// order, so that a leak checker gets its turn.
 #include <dlfcn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -22,9 +22,11 @@ const char* chosen = nullptr;
 long failAt = 0;
 int failErrno = 0;
 std::atomic<long> calls{0};
+std::atomic<std::time_t> secondsBehind{0};
 
 __attribute__((constructor)) void ReadOrders() {
     std::signal(SIGTERM, [](int) { std::exit(0); });
+    std::signal(SIGUSR1, [](int) { secondsBehind = 86400; });
     const char* at = std::getenv("FAIL_AT");
     const char* number = std::getenv("FAIL_ERRNO");
     failAt = at != nullptr ? std::atol(at) : 0;
@@ -52,9 +54,6 @@ template <typename Function>
 Function* Next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
-
-bool ClockIsBehind() { return IsChosen("time") && calls >= failAt; }
-constexpr std::time_t day = 86400;
 
 }  // namespace
 
@@ -91,7 +90,6 @@ FAILS(eventfd, (unsigned a, int b) noexcept, (a, b))
 RETURNS_NUMBER(pthread_create, (unsigned long* a, const void* b, void* (*c)(void*), void* d) noexcept,
                (a, b, c, d))
 GIVES_NULL(fopen, (const char* a, const char* b), (a, b))
-GIVES_NULL(fopen64, (const char* a, const char* b), (a, b))
 // Memory.
 GIVES_NULL(calloc, (std::size_t a, std::size_t b) noexcept, (a, b))
 GIVES_NULL(realloc, (void* a, std::size_t b) noexcept, (a, b))
@@ -128,8 +126,7 @@ extern "C" int close(int descriptor) {
 
 extern "C" std::time_t time(std::time_t* result) noexcept {
     static auto* const next = Next<std::time_t(std::time_t*)>("time");
-    Due("time", __builtin_return_address(0));
-    const std::time_t now = next(nullptr) - (ClockIsBehind() ? day : 0);
+    const std::time_t now = next(nullptr) - secondsBehind;
     if (result != nullptr) *result = now;
     return now;
 }
@@ -137,6 +134,6 @@ extern "C" std::time_t time(std::time_t* result) noexcept {
 extern "C" int clock_gettime(clockid_t clock, std::timespec* result) noexcept {
     static auto* const next = Next<int(clockid_t, std::timespec*)>("clock_gettime");
     const int outcome = next(clock, result);
-    if (clock == CLOCK_REALTIME && ClockIsBehind()) result->tv_sec -= day;
+    if (clock == CLOCK_REALTIME) result->tv_sec -= secondsBehind;
     return outcome;
 }
