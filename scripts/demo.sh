@@ -6,7 +6,7 @@
 #   --once  end after the first proof, with status 0 when the file arrived as it was, else 1
 #
 # Without --once it then runs on, for you to try the tunnel by hand, until Ctrl-C. Installs what is missing first.
-# Everything stays on the loopback interface; nothing is left behind but the build in build/demo.
+# Everything stays on the loopback interface; nothing is left behind but the build in build/release.
 
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -28,9 +28,8 @@ fail() { printf 'demo: FAILED: %s\n' "$*" >&2; exit 1; }
 
 build() {
     scripts/setup.sh build demo
-    # A folder of its own, without the tests: quick to build, and the developer's build folders stay as they are.
-    cmake --preset release -B build/demo -DBUILD_TESTS=OFF
-    cmake --build build/demo
+    cmake --preset release -DBUILD_TESTS=OFF
+    cmake --build --preset release --target tunnel-client tunnel-lab
 }
 
 # --- processes: each is ours, known by its pid, with its output in a file -------------------------------------------
@@ -126,7 +125,7 @@ find_web_port() {
 }
 
 start_lab() {
-    start lab build/demo/lab/tunnel-lab --write-config "$work/agent.json" --write-env "$work/agent.env" \
+    start lab build/release/lab/tunnel-lab --write-config "$work/agent.json" --write-env "$work/agent.env" \
         --route "web=$web_port"
     wait_until 10 "lab that is ready" logged lab '^ready$'
     say "tunnel-lab plays the cloud:"
@@ -138,7 +137,7 @@ run_agent() {
     set -o allexport
     # shellcheck source=/dev/null
     source "$work/agent.env"
-    exec build/demo/core/tunnel-client "$work/agent.json"
+    exec build/release/core/tunnel-client "$work/agent.json"
 }
 
 start_agent() {

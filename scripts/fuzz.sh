@@ -31,8 +31,7 @@ for argument in "$@"; do
 done
 
 scripts/setup.sh build fuzz
-# Quick, but with its assertions.
-cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG='-O1 -g' \
+cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=Debug \
     -DSANITIZE=address,undefined,fuzzer-no-link -DFUZZ=ON -DBUILD_LAB=OFF -DBUILD_TESTS=OFF
 cmake --build build/fuzz --target "${targets[@]/#/fuzz_}"
 export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-14

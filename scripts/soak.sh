@@ -13,7 +13,7 @@
 # Then the exit status is 0, otherwise 1.
 #
 # The agent's clock runs ten times as fast as the others', so that its delays come to an end within the run. The build
-# stays in build/soak.
+# stays in build/release.
 
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -34,15 +34,15 @@ minutes=${1:-1}
 seed=${2:-$(od --address-radix=n --read-bytes=6 --format=u8 /dev/urandom | tr --delete ' ')}
 
 scripts/setup.sh build soak
-cmake --preset release -B build/soak -DBUILD_TESTS=OFF -DBUILD_SOAK=ON
-cmake --build build/soak --target tunnel-soak
+cmake --preset release -DBUILD_TESTS=OFF -DBUILD_SOAK=ON
+cmake --build --preset release --target tunnel-soak
 
 # What the two programs say is long, and of no use but to find a fault.
-work=build/soak/run
+work=build/release/soak
 rm -rf "$work"
 mkdir "$work"
 echo "soak: $minutes minutes, seed $seed (again: scripts/soak.sh $minutes $seed)"
-if build/soak/bench/soak/tunnel-soak "$minutes" "$seed" "$work"; then
+if build/release/bench/soak/tunnel-soak "$minutes" "$seed" "$work"; then
     rm -rf "$work"
 else
     echo "soak: the logs of agent and server are in $work" >&2
