@@ -56,9 +56,9 @@ void Accept(lab::Connection& agent) {
     Say(agent, R"({"method":"message","message":"welcome"})");
 }
 
-std::string HangUp(lab::Connection& agent) {
+void HangUp(lab::Connection& agent) {
     agent.ShutdownSend();
-    return agent.ReadToEnd();
+    agent.ReadToEnd();
 }
 
 void Say(lab::Connection& agent, const std::string& json) { lab::WriteControl(agent, password, json); }

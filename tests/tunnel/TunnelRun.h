@@ -28,8 +28,7 @@ std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations,
 /// The server's side: reads the verify message and answers with a signed "message".
 void Accept(lab::Connection& agent);
 /// Ends our half in order and waits until the agent has closed: everything sent before is read.
-/// @return what the agent still sent
-std::string HangUp(lab::Connection& agent);
+void HangUp(lab::Connection& agent);
 /// A signed control frame as bytes.
 void Say(lab::Connection& agent, const std::string& json);
 /// The signed "new_session" for the id above, or another, on 127.0.0.1.
