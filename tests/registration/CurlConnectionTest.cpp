@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "registration/CurlConnection.h"
 #include "tests/registration/Recorder.h"
 #include "tests/support/LogCapture.h"
@@ -24,9 +26,7 @@ std::string Url(unsigned short port, const std::string& path = "/") {
     return "http://127.0.0.1:" + std::to_string(port) + path;
 }
 
-class CurlConnectionTest : public testing::Test {
-protected:
-    support::LogCapture log;
+struct CurlConnectionTest : testing::Test {
     CurlConnection curl;
 };
 
@@ -66,31 +66,22 @@ TEST_F(CurlConnectionTest, FollowsFiftyRedirects) {
     EXPECT_EQ(curl.Get(Url(server.Port()), "t").body, "there");
 }
 
-struct Failure {
-    const char* name;
-    std::vector<std::string> replies;
-    int code;
-};
-
-class FailedTransfers : public CurlConnectionTest, public testing::WithParamInterface<Failure> {};
-
-TEST_P(FailedTransfers, AreLoggedWithCodeAndUrlAndThrown) {
-    Recorder server(ReadAll, GetParam().replies);
-    const std::string url = Url(server.Port(), "/x");
-    EXPECT_EQ(Thrown([&] { curl.Delete(url, "t"); }), "curl_easy_perform() failed");
-    EXPECT_THAT(log.Texts(),
-                ElementsAre("Curl error, code: " + std::to_string(GetParam().code) + ", url: " + url));
+TEST_F(CurlConnectionTest, LogsAndThrowsWhatFails) {
+    const std::pair<std::vector<std::string>, int> table[] = {
+        {{}, CURLE_COULDNT_CONNECT},
+        {{""}, CURLE_GOT_NOTHING},
+        {{"hello\r\n\r\n"}, CURLE_UNSUPPORTED_PROTOCOL},
+        {{"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc"}, CURLE_PARTIAL_FILE},
+        {Redirects(51), CURLE_TOO_MANY_REDIRECTS}};
+    for (const auto& [replies, code] : table) {
+        support::LogCapture lines;
+        Recorder server(ReadAll, replies);
+        const std::string url = Url(server.Port(), "/x");
+        EXPECT_EQ(Thrown([&] { curl.Delete(url, "t"); }), "curl_easy_perform() failed");
+        EXPECT_THAT(lines.Texts(),
+                    ElementsAre("Curl error, code: " + std::to_string(code) + ", url: " + url));
+    }
 }
-
-const Failure failures[] = {
-    {"Refused", {}, CURLE_COULDNT_CONNECT},
-    {"NoAnswer", {""}, CURLE_GOT_NOTHING},
-    {"NoHttp", {"hello\r\n\r\n"}, CURLE_UNSUPPORTED_PROTOCOL},
-    {"CutBody", {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc"}, CURLE_PARTIAL_FILE},
-    {"FiftyOneRedirects", Redirects(51), CURLE_TOO_MANY_REDIRECTS},
-};
-
-INSTANTIATE_TEST_SUITE_P(CurlConnection, FailedTransfers, testing::ValuesIn(failures), nameOfRow);
 
 }  // namespace
 }  // namespace nox::tunnel_client

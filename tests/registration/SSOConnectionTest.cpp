@@ -57,9 +57,9 @@ TEST_P(Exchanges, EndLikeThis) {
     EXPECT_EQ(outcome + thrown, GetParam().outcome);
 }
 
-/// A well-formed frame with status "ok" and what follows it, or with another text altogether.
-std::string Ok(const std::string& rest) { return lab::SsoReply(R"({"status":"ok")" + rest + "}"); }
-std::string Reply(const std::string& text) { return lab::SsoReply(text); }
+using lab::SsoReply;
+/// A well-formed frame with status "ok" and what follows it.
+std::string Ok(const std::string& rest) { return SsoReply(R"({"status":"ok")" + rest + "}"); }
 
 const char* const noObject = "Input is not a valid object";
 const char* const badStatus = "Invalid status in response";
@@ -75,13 +75,13 @@ const Exchange exchanges[] = {
     {"NoToken", token, Ok(""), "Missing token in response"},
     {"NoData", data, Ok(""), "Missing discovery_data in response"},
     {"NoCertificate", certificate, Ok(""), "Missing certificate_id in response"},
-    {"NoReset", reset, Reply(R"({"status":"no"})"), badStatus},
-    {"NoStatus", token, Reply(R"({"token":"t"})"), badStatus},
-    {"CapitalStatus", token, Reply(R"({"status":"OK","token":"t"})"), badStatus},
-    {"BooleanStatus", token, Reply(R"({"status":true,"token":"t"})"), badStatus},
-    {"Array", token, Reply(R"(["status"])"), badStatus},
-    {"NoJson", token, Reply("<html>"), noObject},
-    {"LengthZero", token, Reply(""), noObject},
+    {"NoReset", reset, SsoReply(R"({"status":"no"})"), badStatus},
+    {"NoStatus", token, SsoReply(R"({"token":"t"})"), badStatus},
+    {"CapitalStatus", token, SsoReply(R"({"status":"OK","token":"t"})"), badStatus},
+    {"BooleanStatus", token, SsoReply(R"({"status":true,"token":"t"})"), badStatus},
+    {"Array", token, SsoReply(R"(["status"])"), badStatus},
+    {"NoJson", token, SsoReply("<html>"), noObject},
+    {"LengthZero", token, SsoReply(""), noObject},
 };
 
 INSTANTIATE_TEST_SUITE_P(SSOConnection, Exchanges, testing::ValuesIn(exchanges), nameOfRow);
