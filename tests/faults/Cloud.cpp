@@ -67,10 +67,6 @@ void says::NewSession(Connection& agent, const std::string& id, unsigned short p
                           R"(","localHost":"127.0.0.1","localPort":)" + std::to_string(port) + "}");
 }
 
-void says::EndSession(Connection& agent, const std::string& id) {
-    lab::WriteControl(agent, Cloud::password, R"({"method":"end_session","session":")" + id + R"("})");
-}
-
 void says::NoAddress(Connection& agent) {
     lab::WriteControl(agent, Cloud::password,
                       R"({"method":"new_session","session":"nowhere","localPort":1})");

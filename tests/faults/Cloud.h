@@ -30,7 +30,6 @@ private:
 namespace says {
 void Welcome(lab::Connection& agent);  ///< reads "verify", answers with a good signature
 void NewSession(lab::Connection& agent, const std::string& id, unsigned short port);
-void EndSession(lab::Connection& agent, const std::string& id);
 /// A session to a host without an address: the described end of the agent's run, with all that is open.
 void NoAddress(lab::Connection& agent);
 /// Sends a payload through an open session to a service that repeats what it hears, and checks

@@ -34,7 +34,8 @@ public:
         }
         if (done++ == 0) {
             // Ended in order: the session's ten seconds pass before the heartbeat, the connection's after it.
-            says::EndSession(agent, id);
+            lab::WriteControl(agent, Cloud::password,
+                              R"({"method":"end_session","session":")" + id + R"("})");
             while (lab::ReadFrame(agent).type != lab::heartbeatFrame) continue;
         } else {
             says::NoAddress(agent);  // the session still open
