@@ -62,6 +62,7 @@ protected:
         EXPECT_TRUE(io.stopped()) << "work is left";
     }
 
+    std::chrono::milliseconds closeDelay = 60ms;
     support::LogCapture log;
     asio::io_context io;
     Owner owner;
@@ -137,6 +138,7 @@ TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
 }
 
 TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
+    closeDelay = 500ms;  // time for all of it
     std::string received;
     lab::ScriptedServer service({[&](lab::Connection& peer) {
         peer.Read(1);
