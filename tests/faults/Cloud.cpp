@@ -25,24 +25,26 @@ std::string Added(unsigned short tunnel) {
 
 std::vector<lab::Conversation> Always(const lab::Conversation& conversation) { return {500, conversation}; }
 
-Cloud::Cloud(const lab::Conversation& tunnel)
+Cloud::Cloud(const lab::Conversation& tunnel, const std::function<void(const std::string&)>& whenAsked)
     : tunnelServer(Always(tunnel)),
-      api(Always([reply = lab::HttpReply(200, Added(tunnelServer.Port()))](Connection& agent) {
-          lab::ReadHttpRequest(agent);
+      api(Always([whenAsked, reply = lab::HttpReply(200, Added(tunnelServer.Port()))](Connection& agent) {
+          whenAsked(lab::ReadHttpRequest(agent).target);
           agent.Write(reply);
       })),
-      sso(Always([reply = lab::SsoReply(Identity(api.Port()))](Connection& agent) {
-          lab::ReadSsoRequest(agent);
+      sso(Always([whenAsked, reply = lab::SsoReply(Identity(api.Port()))](Connection& agent) {
+          whenAsked(lab::ReadSsoRequest(agent));
           agent.Write(reply);
       })) {}
 
-std::vector<std::string> Cloud::Command(const std::string& level, int pause) const {
-    return {AGENT_PROGRAM,
-            folder.Write("agent.json",
-                         R"({"ssoService":{"type":"local-socket","port":)" + std::to_string(sso.Port()) +
-                             R"(},"tunnel":{"routes":[{"serviceName":"web","remotePort":80}],"log_level":")" +
-                             level + R"("},"timers":{"registrationReconnect":)" + std::to_string(pause) +
-                             R"(,"tunnelReconnect":1}})")};
+std::vector<std::string> Cloud::Command(const std::string& level, int pause,
+                                        const std::string& logPath) const {
+    return {
+        AGENT_PROGRAM,
+        folder.Write("agent.json",
+                     R"({"ssoService":{"type":"local-socket","port":)" + std::to_string(sso.Port()) +
+                         R"(},"tunnel":{"routes":[{"serviceName":"web","remotePort":80}],"log_level":")" +
+                         level + R"(","log_path":")" + logPath + R"("},"timers":{"registrationReconnect":)" +
+                         std::to_string(pause) + R"(,"tunnelReconnect":1}})")};
 }
 
 std::vector<std::string> Cloud::Environment(int speed, std::vector<std::string> fault) {

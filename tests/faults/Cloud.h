@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,10 +13,14 @@ public:
     static constexpr const char* password = "tunnel-password";
 
     /// @param tunnel what the tunnel server does with each connection
-    explicit Cloud(const lab::Conversation& tunnel);
+    /// @param whenAsked called with each request to the SSO service and the API, before it is answered
+    explicit Cloud(
+        const lab::Conversation& tunnel,
+        const std::function<void(const std::string&)>& whenAsked = [](const std::string&) {});
 
     /// The agent's command line; it pauses for `pause` seconds between its turns.
-    std::vector<std::string> Command(const std::string& level, int pause = 5) const;
+    std::vector<std::string> Command(const std::string& level, int pause = 5,
+                                     const std::string& logPath = "") const;
     /// Its environment: `fault` is "FAIL_CALL=..." and the like, `speed` how fast its clock runs (1: nothing
     /// is preloaded).
     static std::vector<std::string> Environment(int speed, std::vector<std::string> fault = {});
