@@ -19,6 +19,28 @@ using Lines = std::vector<std::string>;
 
 const std::string removed = "[TunnelClient:362] Removing stopped session " + sessionId;
 
+// Its socket takes frames in part, and the session pauses.
+TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
+    std::string sent, received;
+    while (sent.size() < 20000000) sent += "#" + std::to_string(sent.size());
+    lab::ScriptedServer service({[&](lab::Connection& peer) {
+        peer.Write(sent);
+        peer.ReadToEnd();
+    }});
+    const auto late = [&](lab::Connection& agent) {
+        Accept(agent);
+        NewSession(agent, service.Port());
+        std::this_thread::sleep_for(300ms);
+        while (received.size() < sent.size()) {
+            const lab::Frame frame = lab::ReadFrame(agent);
+            if (frame.type == lab::dataFrame) received += frame.payload;
+        }
+        HangUp(agent);
+    };
+    EXPECT_THAT(RunTunnel({late}, logDebug), Contains(testing::HasSubstr("pausing listening to service")));
+    EXPECT_TRUE(received == sent);
+}
+
 TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
     const std::string largest(131072, 'x');
     lab::ScriptedServer service(
