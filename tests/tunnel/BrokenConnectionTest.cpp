@@ -178,7 +178,7 @@ TEST(BrokenServiceTest, EndsItsOwnSessionAndNoOther) {
         NewSession(agent, echo.Port(), steady);
         lab::ReadControl(agent);
         for (int round = 0; round < rounds; ++round) {
-            Meet(agent, static_cast<Way>(round % 3), static_cast<std::size_t>(round / 3 * 2),
+            Meet(agent, static_cast<Way>(round % 3), 2 * static_cast<std::size_t>(round / 3),
                  "short-lived-" + std::to_string(1000 + round));
             lab::WriteFrame(agent, {lab::dataFrame, steady, "x"});
             EXPECT_EQ(ReadData(agent).session, steady);
