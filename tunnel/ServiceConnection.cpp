@@ -55,10 +55,12 @@ void ServiceConnection::WaitForService() {
     socket.async_wait(tcp::socket::wait_read, Weakly(&ServiceConnection::OnReadable));
 }
 
-// A busy service is read several frames at a time, as if by one read after the other, and never past the pause.
+// A busy service is read several frames at a time, as if by one read after the other, and never past the pause. After a
+// failed write it is one: the read that was under way.
 void ServiceConnection::OnReadable(std::error_code error) {
     std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: what is not read is not looked at
-    const auto reads = static_cast<std::size_t>(std::min(maxReads, pauseAbove + 1 - pendingUploads));
+    const auto reads =
+        static_cast<std::size_t>(failed ? 1 : std::min(maxReads, pauseAbove + 1 - pendingUploads));
     const std::size_t size = error ? 0 : socket.read_some(asio::buffer(buffer, reads * maxReadBytes), error);
     if (error == asio::error::would_block) return WaitForService();
     if (error) return OnReadError(error);

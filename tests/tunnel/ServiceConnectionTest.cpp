@@ -62,7 +62,6 @@ protected:
         EXPECT_TRUE(io.stopped()) << "work is left";
     }
 
-    std::chrono::milliseconds closeDelay = 60ms;
     support::LogCapture log;
     asio::io_context io;
     Owner owner;
@@ -138,7 +137,6 @@ TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
 }
 
 TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
-    closeDelay = 500ms;  // time for all of it
     std::string received;
     lab::ScriptedServer service({[&](lab::Connection& peer) {
         peer.Read(1);
@@ -171,6 +169,25 @@ TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
     EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
     EXPECT_EQ(errors.Texts(), std::vector<std::string>{"ServiceConnection::SendAsync, session " + id +
                                                        ": (104) Connection reset by peer"});
+}
+
+// The read that waits already is still answered, and relayed behind the word that the session has ended. No other is.
+TEST_F(ServiceConnectionTest, RelaysOneReadAfterAFailedWrite) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Read(1);
+        peer.Write(std::string(60000, 's'));
+        peer.Reset();
+    }});
+    const auto connection = Connect(service.Port());
+    connection->QueueData("1");
+    RunUntil([&] { return log.Count("Session " + id + ", nothing to send, pausing") == 1; });
+    service.Finish();
+    connection->QueueData("fails");
+    RunToTheEnd();
+    EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
+    EXPECT_EQ(log.Count("Session " + id + ", listening to service"), 1U);
+    ASSERT_EQ(owner.frames.size(), 1U);
+    EXPECT_EQ(owner.frames[0].data.size(), 16384U);
 }
 
 // Letting go in any state closes the socket at once, and what was under way touches nothing (the address
