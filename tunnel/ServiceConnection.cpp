@@ -37,7 +37,7 @@ void ServiceConnection::OnConnected(std::error_code error) {
     // option it still works.
     std::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
-    ListenToService();
+    asio::post(socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
 }
 
 void ServiceConnection::ListenToService() {
@@ -68,7 +68,7 @@ void ServiceConnection::OnReadable(std::error_code error) {
         if (begin > 0) LogListening();
         Upload({&buffer[begin], std::min(maxReadBytes, size - begin)});
     }
-    if (!listeningPaused) ListenToService();
+    if (!listeningPaused) asio::post(socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
 }
 
 void ServiceConnection::OnReadError(std::error_code error) {
