@@ -1,7 +1,6 @@
 #include "lab/ControlMessage.h"
 
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "lab/Settings.h"
 #include "lab/Signing.h"
@@ -10,14 +9,14 @@ namespace lab {
 
 using nlohmann::ordered_json;
 
-ControlMessage::ControlMessage(std::string json) : text(std::move(json)) {
-    if (text.size() > maxControlBytes)
-        throw std::invalid_argument("a control message of " + std::to_string(text.size()) + " bytes");
-    members = Members(text);
+ControlMessage::ControlMessage(const std::string& json) {
+    if (json.size() > maxControlBytes)
+        throw std::invalid_argument("a control message of " + std::to_string(json.size()) + " bytes");
+    members = Members(json);
 }
 
 bool ControlMessage::IsSignedWith(const std::string& password) const {
-    return Text("sign") == Signature(password, text);
+    return Text("sign") == Signature(password, members);
 }
 
 std::string Welcome(const std::string& text) {

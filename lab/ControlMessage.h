@@ -12,14 +12,13 @@ namespace lab {
 class ControlMessage {
 public:
     /// @throws std::invalid_argument unless `json` is an object of at most maxControlBytes
-    explicit ControlMessage(std::string json);
+    explicit ControlMessage(const std::string& json);
 
     /// The decoded text of a member; "" when it is missing or no string.
     std::string Text(const std::string& name) const { return TextMember(members, name); }
     bool IsSignedWith(const std::string& password) const;
 
 private:
-    std::string text;
     std::vector<Member> members;
 };
 

@@ -6,9 +6,7 @@
 #include <array>
 #include <chrono>
 #include <stdexcept>
-#include <vector>
 
-#include "lab/Members.h"
 #include "lab/RandomText.h"
 
 namespace lab {
@@ -40,8 +38,7 @@ std::string Md5HexUpper(const std::string& text) {
     return hex;
 }
 
-std::string Signature(const std::string& password, const std::string& object) {
-    auto members = Members(object);
+std::string Signature(const std::string& password, std::vector<Member> members) {
     std::sort(members.begin(), members.end());
     RefuseDuplicates(members);
     std::string text = password;
@@ -58,17 +55,17 @@ Stamp Stamp::Now() {
 }
 
 std::string Sign(const std::string& password, const std::string& object, const Stamp& stamp) {
-    std::string text = object;
+    auto members = Members(object);
+    std::string text = object.substr(0, object.rfind('}'));
     const auto append = [&](const std::string& name, const std::string& value) {
-        const auto members = Members(text);
         if (Has(members, name)) return;
-        text.resize(text.rfind('}'));
-        text += (members.empty() ? "\"" : ",\"") + name + "\":\"" + value + "\"}";
+        text += (members.empty() ? "\"" : ",\"") + name + "\":\"" + value + '"';
+        members.emplace_back(name, '"' + value + '"');
     };
     append("timestamp", stamp.timestamp);
     append("noncestr", stamp.nonce);
-    append("sign", Signature(password, text));
-    return text;
+    append("sign", Signature(password, members));
+    return text + '}';
 }
 
 }  // namespace lab

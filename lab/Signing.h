@@ -1,6 +1,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include "lab/Members.h"
 
 /// Signatures of control messages: MD5 over the password, every member but "sign" in the byte order of the
 /// names (name, then value), and the password again; nothing stands between the pieces. A string counts
@@ -10,8 +13,8 @@ namespace lab {
 std::string Md5HexUpper(const std::string& text);
 
 /// @return 32 characters, upper-case hexadecimal
-/// @throws std::invalid_argument unless `object` is the text of one JSON object
-std::string Signature(const std::string& password, const std::string& object);
+/// @throws std::invalid_argument when a name comes twice
+std::string Signature(const std::string& password, std::vector<Member> members);
 
 /// What makes two signatures of one message differ.
 struct Stamp {
