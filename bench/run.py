@@ -103,7 +103,7 @@ def measure_idle(options, folder, port, figures):
                 own = tempfile.mkdtemp(dir=folder)
                 standing.append(kinds.FORWARDERS[name](options.tools, own, port).__enter__())
                 measures.prove(standing[-1])
-        time.sleep(12)  # until the sessions of the proof are gone
+        time.sleep(20)  # until the sessions of the proof and the verification's timer are gone
         for name, figure, value in measures.idle(standing):
             figures[name][figure] = [value]
     finally:
