@@ -3,7 +3,7 @@
 // getaddrinfo and pthread_create return themselves.
 //
 // The moment is announced on standard error. SIGUSR1 sets the wall clock back by a day. SIGTERM ends the process in
-// order, so that a leak checker gets its turn.
+// order at its next pause, so that a leak checker gets its turn: within a handler it could meet the allocator at work.
 #include <dlfcn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -23,9 +23,10 @@ long failAt = 0;
 int failErrno = 0;
 std::atomic<long> calls{0};
 std::atomic<std::time_t> secondsBehind{0};
+std::atomic<bool> ending{false};
 
 __attribute__((constructor)) void ReadOrders() {
-    std::signal(SIGTERM, [](int) { std::exit(0); });
+    std::signal(SIGTERM, [](int) { ending = true; });
     std::signal(SIGUSR1, [](int) { secondsBehind = 86400; });
     const char* at = std::getenv("FAIL_AT");
     const char* number = std::getenv("FAIL_ERRNO");
@@ -122,6 +123,13 @@ extern "C" int close(int descriptor) {
     static auto* const next = Next<int(int)>("close");
     const int result = next(descriptor);
     return Due("close", __builtin_return_address(0)) ? -1 : result;
+}
+
+extern "C" unsigned sleep(unsigned seconds) {
+    static auto* const next = Next<unsigned(unsigned)>("sleep");
+    const unsigned left = ending ? 0 : next(seconds);
+    if (ending) std::exit(0);
+    return left;
 }
 
 extern "C" std::time_t time(std::time_t* result) noexcept {
