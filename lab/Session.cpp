@@ -26,7 +26,7 @@ void Session::Start() {
     ++report.counters.opened;
     report.Event("session " + id + " " + Word(route.deviceId) + " " + Word(route.service) + " opened");
     socket.non_blocking(true);
-    ReadMore();
+    OnReadable({});  // what the client has said already leaves together with the news of its session
 }
 
 // We wait for bytes without a buffer: a thousand idle clients cost nothing, and busy ones read straight into
