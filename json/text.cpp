@@ -51,28 +51,29 @@ ParseResult parse_value(const char* text) {
 std::string decode_string(const char* literal) {
     if (*literal != '"') throw parsing_error("Expecting opening quote");
     std::string text;
-    const char* at = literal + 1;
-    while (*at != '\0' && *at != '"') {
-        if (*at != '\\') {
-            text += *at++;
-        } else if (at[1] == 'u') {
+    for (const char* at = literal + 1;;) {
+        const std::size_t plain = std::strcspn(at, "\"\\");
+        text.append(at, plain);
+        at += plain;
+        if (*at != '\\') return text;
+        if (at[1] == 'u') {
             at = skip_code_point(at + 2);
         } else {
             text += plain_for(at[1]);
             at += 2;
         }
     }
-    return text;
 }
 
 std::string encode_string(const char* text) {
     std::string literal = "\"";
-    for (; *text != '\0'; ++text) {
-        const char letter = letter_for(*text);
-        if (letter != '\0') literal += '\\';
-        literal += letter != '\0' ? letter : *text;
+    for (;; ++text) {
+        const std::size_t plain = std::strcspn(text, "\"\\/\b\f\n\r\t");
+        literal.append(text, plain);
+        text += plain;
+        if (*text == '\0') return literal += '"';
+        (literal += '\\') += letter_for(*text);
     }
-    return literal += '"';
 }
 
 std::vector<std::string> parse_array(const char* text) {
