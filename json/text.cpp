@@ -42,7 +42,10 @@ ParseResult parse_value(const char* text) {
     if (*at == '\0') throw parsing_error("Input was only whitespace");
     reader input;
     // The end is looked for here: inside a string the reader would take the NUL like any other character.
-    while (*at != '\0' && input.push(*at) != reader::REJECTED) ++at;
+    for (;; ++at) {
+        at += input.push_plain(at);
+        if (*at == '\0' || input.push(*at) == reader::REJECTED) break;
+    }
     if (!input.is_valid()) return {jtype::not_valid, {}, at};
     const jtype type = input.type();
     return {type, std::move(static_cast<std::string&>(input)), at};
