@@ -91,7 +91,8 @@ void ServiceConnection::Upload(std::string_view bytes) {
     const char* id = params.sessionId.c_str();
     LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, received %d bytes from service", id,
              static_cast<int>(bytes.size()));
-    owner->QueueMessage(TunnelMessage(dataFrame, params.sessionId, std::move(sparePayload.assign(bytes))));
+    std::string payload = owner->SparePayload();
+    owner->QueueMessage(TunnelMessage(dataFrame, params.sessionId, std::move(payload.assign(bytes))));
     LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, pending uploads: %d", id,
              pendingUploads);
     ++pendingUploads;
@@ -101,8 +102,7 @@ void ServiceConnection::Upload(std::string_view bytes) {
     }
 }
 
-void ServiceConnection::UploadFinished(std::string payload) {
-    if (payload.capacity() > sparePayload.capacity()) sparePayload = std::move(payload);
+void ServiceConnection::UploadFinished() {
     --pendingUploads;
     if (!listeningPaused || pendingUploads > resumeAt) return;
     listeningPaused = false;

@@ -30,6 +30,8 @@ struct SessionParams {
 /// does nothing. Everything runs on the thread of `io`.
 class ServiceConnection : public std::enable_shared_from_this<ServiceConnection> {
 public:
+    static constexpr std::size_t maxReadBytes = 16384;  ///< of the service in one frame
+
     /// @param sessionOwner not owned, outlives the connection
     ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner, asio::io_context& io,
                       const Delays& fixedDelays = {});
@@ -47,14 +49,12 @@ public:
     void QueueData(std::string payload);
 
     /// One data frame of this session has been written to the tunnel.
-    /// @param payload what it carried; the next upload goes into the same memory
-    void UploadFinished(std::string payload);
+    void UploadFinished();
 
     /// Begins the delayed shutdown; calling it again only logs.
     void Stop();
 
 private:
-    static constexpr std::size_t maxReadBytes = 16384;
     static constexpr int maxReads = 4;     // in one call; more brought nothing
     static constexpr int pauseAbove = 19;  // uploads not yet written to the tunnel
     static constexpr int resumeAt = 14;    // the gap keeps reading from stuttering at the limit
@@ -94,7 +94,6 @@ private:
     asio::steady_timer timer;              // the shutdown's
     std::deque<std::string> serviceQueue;  // the front is being written
     std::size_t sentBytes = 0;             // of the front
-    std::string sparePayload;              // of an upload
     bool listeningPaused = false;
     int pendingUploads = 0;  // frames handed to the owner and not yet reported written
 };

@@ -13,6 +13,8 @@ public:
     virtual ~SessionOwner() = default;
     /// Bytes read from the local service, as a data frame for the server.
     virtual void QueueMessage(TunnelMessage message) = 0;
+    /// Memory for a payload that QueueMessage is to be given: an earlier one's, whatever it holds, or an empty string.
+    virtual std::string SparePayload() = 0;
     /// A payload has been written to the service; its memory may serve another.
     virtual void PayloadWritten(std::string payload) = 0;
     /// The connection to the local service could not be made.

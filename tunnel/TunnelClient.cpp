@@ -140,7 +140,7 @@ void TunnelClient::OnHeader(std::error_code error, std::size_t) {
     }
     incoming.type = header.type;
     incoming.session = header.session;
-    if (incoming.data.capacity() < header.length) incoming.data.swap(sparePayload);
+    if (incoming.data.capacity() < header.length) incoming.data.swap(spareDownload);
     incoming.data.resize(header.length);
     ReadPayload();
 }
@@ -317,7 +317,20 @@ void TunnelClient::SendDisconnectSession(const std::string& sessionId) {
 // The next frame's payload goes where this one was. Memory that is new would first have to be found, and filled with
 // zeros.
 void TunnelClient::PayloadWritten(std::string payload) {
-    if (payload.capacity() > sparePayload.capacity()) sparePayload = std::move(payload);
+    if (payload.capacity() > spareDownload.capacity()) spareDownload = std::move(payload);
+}
+
+// The last that was sent is still in the processor's cache.
+std::string TunnelClient::SparePayload() {
+    if (spareUploads.empty()) return {};
+    std::string payload = std::move(spareUploads.back());
+    spareUploads.pop_back();
+    return payload;
+}
+
+void TunnelClient::KeepPayload(std::string payload) {
+    const bool isLarge = payload.capacity() >= ServiceConnection::maxReadBytes;
+    if (isLarge && spareUploads.size() < maxSpareUploads) spareUploads.push_back(std::move(payload));
 }
 
 void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
@@ -331,7 +344,8 @@ void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     // A service slower than its client can have made us hold megabytes; the allocator would
     // keep them for itself.
     if (!sessions.empty()) return;
-    sparePayload = {};
+    spareDownload = {};
+    spareUploads = {};
     malloc_trim(0);
 }
 
@@ -426,7 +440,10 @@ void TunnelClient::FinishFrame() {
     TunnelMessage& outgoing = sendQueue.front();
     LogWrite("TunnelClient", 415, logVerbose, "Finished upload, length %d",
              static_cast<int>(FrameBytes(outgoing)));
-    if (outgoing.type == dataFrame) ReportUpload(outgoing);
+    if (outgoing.type == dataFrame) {
+        ReportUpload(outgoing);
+        KeepPayload(std::move(outgoing.data));
+    }
     sendQueue.pop_front();
     if (!sendQueue.empty()) return BeginFrame();
     LogWrite("TunnelClient", 436, logVerbose, "skipping SendAsync, sendQueue is empty");
@@ -434,9 +451,9 @@ void TunnelClient::FinishFrame() {
 
 // By the id on the wire, whoever holds it now: a session with another length of id is never
 // told, and pauses for good.
-void TunnelClient::ReportUpload(TunnelMessage& outgoing) {
+void TunnelClient::ReportUpload(const TunnelMessage& outgoing) {
     const auto session = sessions.find(outgoing.SessionId());
-    if (session != sessions.end()) return session->second->UploadFinished(std::move(outgoing.data));
+    if (session != sessions.end()) return session->second->UploadFinished();
     LogWrite("TunnelClient", 424, logDebug, "In SendAsync, session %s not found",
              std::string(outgoing.SessionId()).c_str());
 }

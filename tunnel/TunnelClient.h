@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/Configuration.h"
 #include "json/json.h"
@@ -45,6 +46,7 @@ private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
     static constexpr int maxUnsentBytes = 32768;  // two frames: one leaves while the next is fetched
+    static constexpr std::size_t maxSpareUploads = 32;
 
     // What became of one call that sends.
     struct Sent {
@@ -88,6 +90,7 @@ private:
     void ServiceConnectionFailed(const std::string& sessionId) override;
     void SendDisconnectSession(const std::string& sessionId) override;
     void RemoveStoppedSession(const std::string& sessionId) override;
+    std::string SparePayload() override;
     void PayloadWritten(std::string payload) override;
 
     // Sending
@@ -104,7 +107,8 @@ private:
     void OnSendError(std::error_code error);
     void FinishFrames(std::size_t size);
     void FinishFrame();
-    void ReportUpload(TunnelMessage& outgoing);
+    void ReportUpload(const TunnelMessage& outgoing);
+    void KeepPayload(std::string payload);
     void SendHeartbeat();
     void OnHeartbeatTimer(std::error_code error);
 
@@ -125,7 +129,8 @@ private:
     asio::ip::tcp::socket socket{ioContext};
     HeaderBytes headerBuffer{};
     TunnelMessage incoming{dataFrame};                   // the frame being received
-    std::string sparePayload;                            // has served, and may serve again
+    std::string spareDownload;                           // a payload's memory, to serve again
+    std::vector<std::string> spareUploads;               // the same, the last used first
     std::pmr::unsynchronized_pool_resource queueBlocks;  // a long queue's blocks serve again
     SendQueue sendQueue{&queueBlocks};                   // the front is being written and stays until it is
     std::size_t sentBytes = 0;                           // of the front, header included

@@ -25,6 +25,7 @@ struct Owner : SessionOwner {
         calls += "remove " + session + "\n";
         connection.reset();
     }
+    std::string SparePayload() override { return "whatever"; }
     void PayloadWritten(std::string) override {}
     std::string Received() const {
         std::string all;
@@ -102,15 +103,15 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     RunUntil([&] { return log.Count(pausing) == 1; });
     io.run_for(50ms);
     EXPECT_EQ(owner.frames.size(), 20U);
-    for (int written = 0; written < 5; ++written) connection->UploadFinished({});
+    for (int written = 0; written < 5; ++written) connection->UploadFinished();
     io.run_for(50ms);
     EXPECT_EQ(owner.frames.size(), 20U) << "resumed above fourteen";
-    connection->UploadFinished({});
+    connection->UploadFinished();
     RunUntil([&] { return log.Count(pausing) == 2; });
     EXPECT_EQ(owner.frames.size(), 26U);
     std::size_t reported = 6;
     RunUntil([&] {
-        for (; reported < owner.frames.size(); ++reported) connection->UploadFinished({});
+        for (; reported < owner.frames.size(); ++reported) connection->UploadFinished();
         return owner.Received().size() == sent.size();
     });
     EXPECT_TRUE(owner.Received() == sent);
