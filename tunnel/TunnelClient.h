@@ -45,7 +45,7 @@ public:
 private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
-    static constexpr int maxUnsentBytes = 32768;  // two frames: one leaves while the next is fetched
+    static constexpr int maxUnsentBytes = 16384;  // one frame; see docs/performance.md
     static constexpr std::size_t maxSpareUploads = 32;
 
     // What became of one call that sends.
