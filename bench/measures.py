@@ -1,6 +1,7 @@
 """The measurements, each of one forwarder that stands: a generator of (figure's name, value).
 
-A figure's name reads from the general to the special: what, which way, how many streams, unit.
+A figure's name reads from the general to the special: what, which way, how many streams, unit. What depends on where
+the kernel happens to run whom is measured several times, and its figure comes as often.
 """
 
 import contextlib
@@ -11,6 +12,7 @@ import subprocess
 import time
 
 MIB, GIB = 1 << 20, 1 << 30
+TIMES = 4  # what is short is measured
 UPLOAD_FRAME, DOWNLOAD_FRAME = 16384, 131072  # bytes of payload at most; frames are rarely smaller in bulk
 
 
@@ -61,10 +63,12 @@ def bulk(forwarder, quick, streams=(1, 8)):
     size = GIB // 4 if quick else 2 * GIB
     for direction in ("up", "down"):
         for count in streams:
-            speed, cpu = move(forwarder, size, direction, count)
-            yield f"bulk {direction} {count} MB/s", speed
-            if forwarder.device:
-                yield f"bulk {direction} {count} CPU s/GiB", cpu
+            times = 1 if quick or count > 10 else TIMES  # many sessions take a while to fill what lies between
+            for _ in range(times):
+                speed, cpu = move(forwarder, size // times, direction, count)
+                yield f"bulk {direction} {count} MB/s", speed
+                if forwarder.device:
+                    yield f"bulk {direction} {count} CPU s/GiB", cpu
 
 
 def streams(forwarder, quick):
@@ -83,8 +87,9 @@ def round_trips(forwarder, prefix, times, kinds):
 
 
 def roundtrip(forwarder, quick):
-    kinds = ["whole", "request", "both", "whole up", "request up", "both up", "whole down"]
-    yield from round_trips(forwarder, "roundtrip", 300 if quick else 3000, kinds)
+    times = 300 if quick else 1500
+    yield from round_trips(forwarder, "roundtrip", times, ["whole", "request", "both"] * (1 if quick else TIMES))
+    yield from round_trips(forwarder, "roundtrip", times, ["whole up", "request up", "both up", "whole down"])
 
 
 def line(forwarder, quick):
@@ -94,14 +99,15 @@ def line(forwarder, quick):
 
 
 def sessions(forwarder, quick):
-    with load(forwarder, "sessions", 300 if quick else 3000) as finish:
-        before = cpu_seconds(forwarder)
-        result = finish()
-        time.sleep(11)  # an ended session costs its device something up to ten seconds later
-        spent = cpu_seconds(forwarder) - before
-    yield "sessions per s", result["sessions"] / result["seconds"]
+    before, count = cpu_seconds(forwarder), 0
+    for _ in range(1 if quick else TIMES):
+        with load(forwarder, "sessions", 300 if quick else 1500) as finish:
+            result = finish()
+        yield "sessions per s", result["sessions"] / result["seconds"]
+        count += result["sessions"]
+    time.sleep(11)  # an ended session costs its device something up to ten seconds later
     if forwarder.device:
-        yield "sessions CPU us", 1e6 * spent / result["sessions"]
+        yield "sessions CPU us", 1e6 * (cpu_seconds(forwarder) - before) / count
 
 
 def memory(forwarder, quick):
