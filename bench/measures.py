@@ -12,7 +12,7 @@ import subprocess
 import time
 
 MIB, GIB = 1 << 20, 1 << 30
-TIMES = 4  # what is short is measured
+TIMES = 4  # that something short is measured in a round
 UPLOAD_FRAME, DOWNLOAD_FRAME = 16384, 131072  # bytes of payload at most; frames are rarely smaller in bulk
 
 

@@ -7,24 +7,15 @@ namespace json {
 
 namespace {
 
-// Of each pair, the byte and the letter that stands for it behind a backslash. The solidus is always escaped,
+// The bytes that are escaped, and the letters that stand for them behind a backslash. The solidus is always escaped,
 // though reader refuses that: deliberately, receivers have always been sent it so.
-constexpr struct {
-    char plain, letter;
-} escapes[] = {{'"', '"'},  {'\\', '\\'}, {'/', '/'},  {'\b', 'b'},
-               {'\f', 'f'}, {'\n', 'n'},  {'\r', 'r'}, {'\t', 't'}};
-
-/// @return 0 for a byte that is not escaped
-char letter_for(char plain) {
-    for (const auto& known : escapes)
-        if (known.plain == plain) return known.letter;
-    return '\0';
-}
+constexpr const char* plains = "\"\\/\b\f\n\r\t";
+constexpr const char* letters = "\"\\/bfnrt";
 
 char plain_for(char letter) {
-    for (const auto& known : escapes)
-        if (known.letter == letter) return known.plain;
-    throw parsing_error("Expected control character");
+    const char* known = letter != '\0' ? std::strchr(letters, letter) : nullptr;
+    if (known == nullptr) throw parsing_error("Expected control character");
+    return plains[known - letters];
 }
 
 // Behind \u: four characters further, whatever they are, but never beyond the end.
@@ -71,11 +62,11 @@ std::string decode_string(const char* literal) {
 std::string encode_string(const char* text) {
     std::string literal = "\"";
     for (;; ++text) {
-        const std::size_t plain = std::strcspn(text, "\"\\/\b\f\n\r\t");
+        const std::size_t plain = std::strcspn(text, plains);
         literal.append(text, plain);
         text += plain;
         if (*text == '\0') return literal += '"';
-        (literal += '\\') += letter_for(*text);
+        (literal += '\\') += letters[std::strchr(plains, *text) - plains];
     }
 }
 

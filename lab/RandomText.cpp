@@ -29,9 +29,8 @@ std::string RandomText(std::size_t characters) {
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     std::string text;
     while (text.size() < characters) {
-        const unsigned byte = RandomByte();
-        if (byte < 4 * alphabet.size())
-            text += alphabet[byte % alphabet.size()];  // others would favour the first
+        const unsigned byte = RandomByte();  // one above four alphabets would favour the first letters
+        if (byte < 4 * alphabet.size()) text += alphabet[byte % alphabet.size()];
     }
     return text;
 }
