@@ -186,13 +186,14 @@ TEST_F(AgentTest, LivesOnWhenNothingAnswers) {
         for (auto at = log.find(error); at != std::string::npos; at = log.find(error, at + 1)) ++count;
         return count;
     };
-    ASSERT_TRUE(support::Eventually([&] { return turns() > 100; }));
+    // A turn takes some 20 ms: a pause of no length still lasts as long as the slack of the timers.
+    ASSERT_TRUE(support::Eventually([&] { return turns() > 20; }));
     [[maybe_unused]] const std::size_t memory = agent.ResidentKibibytes();
     const std::size_t descriptors = agent.Descriptors();
-    ASSERT_TRUE(support::Eventually([&] { return turns() > 1000; }));
+    ASSERT_TRUE(support::Eventually([&] { return turns() > 320; }));
 // The sanitizers remember what was freed, and who used it.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LE(agent.ResidentKibibytes(), memory + 512);
+    EXPECT_LE(agent.ResidentKibibytes(), memory + 128);
 #endif
     EXPECT_EQ(agent.Descriptors(), descriptors);
 }
