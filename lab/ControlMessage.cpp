@@ -1,13 +1,9 @@
 #include "lab/ControlMessage.h"
 
-#include <nlohmann/json.hpp>
-
 #include "lab/Settings.h"
 #include "lab/Signing.h"
 
 namespace lab {
-
-using nlohmann::ordered_json;
 
 ControlMessage::ControlMessage(const std::string& json) {
     if (json.size() > maxControlBytes)
@@ -19,20 +15,21 @@ bool ControlMessage::IsSignedWith(const std::string& password) const {
     return Text("sign") == Signature(password, members);
 }
 
-std::string Welcome(const std::string& text) {
-    return ordered_json{{"method", "message"}, {"message", text}}.dump();
+std::vector<Member> Welcome(const std::string& text) {
+    return {{"method", R"("message")"}, {"message", Quoted(text)}};
 }
 
-std::string NewSession(const std::string& id, unsigned short remotePort) {
-    return ordered_json{
-        {"method", "new_session"}, {"session", id}, {"localHost", "127.0.0.1"}, {"localPort", remotePort}}
-        .dump();
+std::vector<Member> NewSession(const std::string& id, unsigned short remotePort) {
+    return {{"method", R"("new_session")"},
+            {"session", Quoted(id)},
+            {"localHost", R"("127.0.0.1")"},
+            {"localPort", std::to_string(remotePort)}};
 }
 
-std::string EndSession(const std::string& id) {
-    return ordered_json{{"method", "end_session"}, {"session", id}}.dump();
+std::vector<Member> EndSession(const std::string& id) {
+    return {{"method", R"("end_session")"}, {"session", Quoted(id)}};
 }
 
-std::string Conflict() { return ordered_json{{"method", "conflict"}}.dump(); }
+std::vector<Member> Conflict() { return {{"method", R"("conflict")"}}; }
 
 }  // namespace lab

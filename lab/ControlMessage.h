@@ -24,9 +24,9 @@ private:
 
 /// What the tunnel server says, not yet signed. None of it needs a \u escape or escapes a solidus, as long as
 /// the ids and texts have no control characters: devices do not read those.
-std::string Welcome(const std::string& text);
-std::string NewSession(const std::string& id, unsigned short remotePort);
-std::string EndSession(const std::string& id);
-std::string Conflict();
+std::vector<Member> Welcome(const std::string& text);
+std::vector<Member> NewSession(const std::string& id, unsigned short remotePort);
+std::vector<Member> EndSession(const std::string& id);
+std::vector<Member> Conflict();
 
 }  // namespace lab

@@ -137,9 +137,9 @@ void DeviceConnection::SendEndSession(const std::shared_ptr<Session>& session) {
     endsOnTheWay.emplace_back(toDevice->Queued(), session);
 }
 
-void DeviceConnection::SendControl(const std::string& json) {
+void DeviceConnection::SendControl(const std::vector<Member>& unsignedMessage) {
     if (state == State::Closed) return;
-    const std::string message = Sign(password, json);
+    const std::string message = Sign(password, unsignedMessage);
     const auto header = EncodeHeader(controlFrame, message.size(), noSession);
     Frames().Append({header.data(), header.size()});
     Frames().Append(message);

@@ -63,7 +63,7 @@ private:
     void HandleData(const FrameReader::View& frame);
     void HandleVerify(const FrameReader::View& frame);
     void HandleControl(const ControlMessage& message);
-    void SendControl(const std::string& json);
+    void SendControl(const std::vector<Member>& unsignedMessage);
     void Write();
     void OnWritten(std::error_code error, std::size_t size);
     void TellWhoWaits();

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <memory>
 #include <stdexcept>
 
 #include "lab/RandomText.h"
@@ -19,44 +20,20 @@ bool Has(const std::vector<Member>& members, const std::string& name) {
 }
 
 /// A name may come twice in JSON text; then its value is anybody's guess, and so is what was signed.
-void RefuseDuplicates(const std::vector<Member>& sorted) {
-    const auto sameName = [](const Member& a, const Member& b) { return a.first == b.first; };
+std::vector<const Member*> Sorted(const std::vector<Member>& members) {
+    std::vector<const Member*> sorted;
+    for (const auto& member : members) sorted.push_back(&member);
+    const auto byName = [](const Member* a, const Member* b) { return a->first < b->first; };
+    std::sort(sorted.begin(), sorted.end(), byName);
+    const auto sameName = [](const Member* a, const Member* b) { return a->first == b->first; };
     if (std::adjacent_find(sorted.begin(), sorted.end(), sameName) != sorted.end())
         throw std::invalid_argument("a member comes twice");
+    return sorted;
 }
 
-}  // namespace
-
-std::string Md5HexUpper(const std::string& text) {
-    std::array<unsigned char, 16> digest{};
-    EVP_Digest(text.data(), text.size(), digest.data(), nullptr, EVP_md5(), nullptr);
-    std::string hex;
-    for (const unsigned char byte : digest) {
-        hex += "0123456789ABCDEF"[byte >> 4];
-        hex += "0123456789ABCDEF"[byte & 0xF];
-    }
-    return hex;
-}
-
-std::string Signature(const std::string& password, std::vector<Member> members) {
-    std::sort(members.begin(), members.end());
-    RefuseDuplicates(members);
-    std::string text = password;
-    for (const auto& [name, value] : members) {
-        if (name != "sign") text += name + TextOf(value);
-    }
-    return Md5HexUpper(text + password);
-}
-
-Stamp Stamp::Now() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return {std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()),
-            RandomText(16)};
-}
-
-std::string Sign(const std::string& password, const std::string& object, const Stamp& stamp) {
-    auto members = Members(object);
-    std::string text = object.substr(0, object.rfind('}'));
+/// The message, begun in `text` and not closed yet, with what is missing of the three members that signing adds.
+std::string Seal(std::string text, std::vector<Member> members, const std::string& password,
+                 const Stamp& stamp) {
     const auto append = [&](const std::string& name, const std::string& value) {
         if (Has(members, name)) return;
         text += (members.empty() ? "\"" : ",\"") + name + "\":\"" + value + '"';
@@ -66,6 +43,46 @@ std::string Sign(const std::string& password, const std::string& object, const S
     append("noncestr", stamp.nonce);
     append("sign", Signature(password, members));
     return text + '}';
+}
+
+}  // namespace
+
+std::string Md5HexUpper(const std::string& text) {
+    // Named by EVP_md5(), it would be looked for again each time.
+    static const std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> md5(EVP_MD_fetch(nullptr, "MD5", nullptr),
+                                                                     EVP_MD_free);
+    std::array<unsigned char, 16> digest{};
+    EVP_Digest(text.data(), text.size(), digest.data(), nullptr, md5.get(), nullptr);
+    std::string hex;
+    for (const unsigned char byte : digest) {
+        hex += "0123456789ABCDEF"[byte >> 4];
+        hex += "0123456789ABCDEF"[byte & 0xF];
+    }
+    return hex;
+}
+
+std::string Signature(const std::string& password, const std::vector<Member>& members) {
+    std::string text = password;
+    for (const auto* member : Sorted(members)) {
+        if (member->first != "sign") text.append(member->first).append(TextOf(member->second));
+    }
+    return Md5HexUpper(text.append(password));
+}
+
+Stamp Stamp::Now() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return {std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()),
+            RandomText(16)};
+}
+
+std::string Sign(const std::string& password, const std::string& object, const Stamp& stamp) {
+    return Seal(object.substr(0, object.rfind('}')), Members(object), password, stamp);
+}
+
+std::string Sign(const std::string& password, const std::vector<Member>& members, const Stamp& stamp) {
+    std::string text = "{";
+    for (const auto& [name, value] : members) text += (text.size() > 1 ? ",\"" : "\"") + name + "\":" + value;
+    return Seal(text, members, password, stamp);
 }
 
 }  // namespace lab

@@ -14,7 +14,7 @@ std::string Md5HexUpper(const std::string& text);
 
 /// @return 32 characters, upper-case hexadecimal
 /// @throws std::invalid_argument when a name comes twice
-std::string Signature(const std::string& password, std::vector<Member> members);
+std::string Signature(const std::string& password, const std::vector<Member>& members);
 
 /// What makes two signatures of one message differ.
 struct Stamp {
@@ -25,5 +25,8 @@ struct Stamp {
 /// The object with "timestamp", "noncestr" and "sign" appended; those that it has already stay as they are.
 /// @throws std::invalid_argument unless `object` is the text of one JSON object
 std::string Sign(const std::string& password, const std::string& object, const Stamp& stamp = Stamp::Now());
+/// The same of members that need not be taken out of a text. @param members their names need no escapes
+std::string Sign(const std::string& password, const std::vector<Member>& members,
+                 const Stamp& stamp = Stamp::Now());
 
 }  // namespace lab
