@@ -21,8 +21,9 @@ bool Has(const std::vector<Member>& members, const std::string& name) {
 
 /// A name may come twice in JSON text; then its value is anybody's guess, and so is what was signed.
 std::vector<const Member*> Sorted(const std::vector<Member>& members) {
-    std::vector<const Member*> sorted;
-    for (const auto& member : members) sorted.push_back(&member);
+    std::vector<const Member*> sorted(members.size());
+    std::transform(members.begin(), members.end(), sorted.begin(),
+                   [](const Member& member) { return &member; });
     const auto byName = [](const Member* a, const Member* b) { return a->first < b->first; };
     std::sort(sorted.begin(), sorted.end(), byName);
     const auto sameName = [](const Member* a, const Member* b) { return a->first == b->first; };
@@ -81,7 +82,8 @@ std::string Sign(const std::string& password, const std::string& object, const S
 
 std::string Sign(const std::string& password, const std::vector<Member>& members, const Stamp& stamp) {
     std::string text = "{";
-    for (const auto& [name, value] : members) text += (text.size() > 1 ? ",\"" : "\"") + name + "\":" + value;
+    for (const auto& [name, value] : members)
+        text.append(text.size() > 1 ? ",\"" : "\"").append(name).append("\":").append(value);
     return Seal(text, members, password, stamp);
 }
 
