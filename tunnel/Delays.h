@@ -11,7 +11,9 @@ struct Delays {
     std::chrono::milliseconds tunnelClose = std::chrono::seconds(5);  ///< stop to closing the tunnel's socket
     std::chrono::milliseconds sessionClose = std::chrono::seconds(5);  ///< stop to closing a session's socket
     std::chrono::milliseconds sessionRemoval =
-        std::chrono::seconds(5);                                 ///< closed to leaving the session table
+        std::chrono::seconds(5);  ///< closed to leaving the session table
+    std::chrono::milliseconds stall =
+        std::chrono::milliseconds(250);  ///< no frame left for so long: services are read ahead
     std::chrono::milliseconds second = std::chrono::seconds(1);  ///< how long a configured second lasts
 };
 

@@ -55,13 +55,19 @@ void ServiceConnection::WaitForService() {
     socket.async_wait(tcp::socket::wait_read, Weakly(&ServiceConnection::OnReadable));
 }
 
+void ServiceConnection::OnReadable(std::error_code error) {
+    if (error) return OnReadError(error);
+    owner->HasRoom() ? ReadService() : owner->WaitForRoom(weak_from_this());
+}
+
 // A busy service is read several frames at a time, as if by one read after the other, and never past the pause. After a
 // failed write it is one: the read that was under way.
-void ServiceConnection::OnReadable(std::error_code error) {
+void ServiceConnection::ReadService() {
     std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: what is not read is not looked at
     const auto reads =
         static_cast<std::size_t>(failed ? 1 : std::min(maxReads, pauseAbove + 1 - pendingUploads));
-    const std::size_t size = error ? 0 : socket.read_some(asio::buffer(buffer, reads * maxReadBytes), error);
+    std::error_code error;
+    const std::size_t size = socket.read_some(asio::buffer(buffer, reads * maxReadBytes), error);
     if (error == asio::error::would_block) return WaitForService();
     if (error) return OnReadError(error);
     for (std::size_t begin = 0; begin < size; begin += maxReadBytes) {

@@ -48,6 +48,9 @@ public:
     /// the server down for one session. Dropped without a word once the connection has failed.
     void QueueData(std::string payload);
 
+    /// Reads what the service has said, at most as much as may be uploaded before the pause.
+    void ReadService();
+
     /// One data frame of this session has been written to the tunnel.
     void UploadFinished();
 

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "tunnel/TunnelMessage.h"
 
 namespace nox::tunnel_client {
+
+class ServiceConnection;
 
 /// What a ServiceConnection tells the one who owns it; the tunnel client in the agent. All calls come from
 /// the event loop's thread. A session id passed here belongs to the connection that calls.
@@ -13,6 +16,10 @@ public:
     virtual ~SessionOwner() = default;
     /// Bytes read from the local service, as a data frame for the server.
     virtual void QueueMessage(TunnelMessage message) = 0;
+    /// So few frames wait for the server that a service may be read at once.
+    virtual bool HasRoom() const = 0;
+    /// Calls the session's ReadService later, once: when there is room, or nothing moves anyway.
+    virtual void WaitForRoom(std::weak_ptr<ServiceConnection> session) = 0;
     /// Memory for a payload that QueueMessage is to be given: an earlier one's, whatever it holds, or an empty string.
     virtual std::string SparePayload() = 0;
     /// A payload has been written to the service; its memory may serve another.

@@ -50,6 +50,7 @@ void TunnelClient::Connect() {
     sendQueue.clear();
     sentBytes = 0;
     sessions.clear();
+    waitingSessions.Clear();
     LogWrite("TunnelClient", 98, logInfo, "Connecting to tunnel server %s:%d", config.serverHost.c_str(),
              config.serverPort);
     resolver.async_resolve(config.serverHost, std::to_string(config.serverPort),
@@ -314,6 +315,12 @@ void TunnelClient::SendDisconnectSession(const std::string& sessionId) {
     QueueMessage(TunnelMessage(controlFrame, "", BuildDisconnectSessionMessage(sessionId)));
 }
 
+bool TunnelClient::HasRoom() const { return sendQueue.size() < enoughFrames || waitingSessions.Stalled(); }
+
+void TunnelClient::WaitForRoom(std::weak_ptr<ServiceConnection> session) {
+    waitingSessions.Add(std::move(session));
+}
+
 // The next frame's payload goes where this one was. Memory that is new would first have to be found, and filled with
 // zeros.
 void TunnelClient::PayloadWritten(std::string payload) {
@@ -404,14 +411,15 @@ TunnelClient::Sent TunnelClient::SendBatch() {
     return sent;
 }
 
-// Sends on for as long as the socket takes it, so that the queue stays short however many sessions fill it.
+// Sends on for as long as the socket takes it, and only then lets the queue fill again.
 void TunnelClient::OnSent(Sent sent) {
     for (;; sent = SendBatch()) {
         if (sent.error) return OnSendError(sent.error);
         FinishFrames(sent.size);
-        if (!sent.all) return WaitForSocket();
-        if (sendQueue.empty()) return;
+        if (!sent.all || sendQueue.empty()) break;
     }
+    if (!sent.all) WaitForSocket();
+    while (HasRoom() && waitingSessions.LetOneRead()) continue;
 }
 
 void TunnelClient::WaitForSocket() {
@@ -445,6 +453,7 @@ void TunnelClient::FinishFrame() {
         KeepPayload(std::move(outgoing.data));
     }
     sendQueue.pop_front();
+    waitingSessions.FrameLeft();
     if (!sendQueue.empty()) return BeginFrame();
     LogWrite("TunnelClient", 436, logVerbose, "skipping SendAsync, sendQueue is empty");
 }

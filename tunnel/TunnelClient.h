@@ -15,6 +15,7 @@
 #include "tunnel/ServiceConnection.h"
 #include "tunnel/SessionOwner.h"
 #include "tunnel/TunnelMessage.h"
+#include "tunnel/WaitingSessions.h"
 
 namespace nox::tunnel_client {
 
@@ -45,7 +46,8 @@ public:
 private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
-    static constexpr int maxUnsentBytes = 16384;  // one frame; see docs/performance.md
+    static constexpr int maxUnsentBytes = 16384;     // one frame; see docs/performance.md
+    static constexpr std::size_t enoughFrames = 20;  // what one session may have in the queue
     static constexpr std::size_t maxSpareUploads = 32;
 
     // What became of one call that sends.
@@ -90,6 +92,8 @@ private:
     void ServiceConnectionFailed(const std::string& sessionId) override;
     void SendDisconnectSession(const std::string& sessionId) override;
     void RemoveStoppedSession(const std::string& sessionId) override;
+    bool HasRoom() const override;
+    void WaitForRoom(std::weak_ptr<ServiceConnection> session) override;
     std::string SparePayload() override;
     void PayloadWritten(std::string payload) override;
 
@@ -126,6 +130,7 @@ private:
     asio::steady_timer heartbeatTimer{ioContext};
     asio::steady_timer closeTimer{ioContext};
     std::map<std::string, std::shared_ptr<ServiceConnection>, std::less<>> sessions;
+    WaitingSessions waitingSessions{ioContext, delays.stall};
     asio::ip::tcp::socket socket{ioContext};
     HeaderBytes headerBuffer{};
     TunnelMessage incoming{dataFrame};                   // the frame being received

@@ -25,6 +25,8 @@ struct Owner : SessionOwner {
         calls += "remove " + session + "\n";
         connection.reset();
     }
+    bool HasRoom() const override { return true; }
+    void WaitForRoom(std::weak_ptr<ServiceConnection>) override {}
     std::string SparePayload() override { return "whatever"; }
     void PayloadWritten(std::string) override {}
     std::string Received() const {

@@ -41,6 +41,41 @@ TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
     EXPECT_TRUE(received == sent);
 }
 
+// How many frames wait at most, of three services that have much to say to a server that reads late.
+TEST(TunnelSessionsTest, ReadAheadTogetherNoMoreThanOneWouldUnlessTheTunnelStands) {
+    const std::string sent = Megabytes(3);
+    const std::pair<std::chrono::milliseconds, int> rows[] = {{2s, 24}, {10ms, 60}};
+    for (const auto& [stall, most] : rows) {
+        const lab::Conversation talk = [&](lab::Connection& peer) {
+            peer.Write(sent);
+            peer.ShutdownSend();
+            peer.ReadToEnd();
+        };
+        lab::ScriptedServer services[] = {lab::ScriptedServer({talk}), lab::ScriptedServer({talk}),
+                                          lab::ScriptedServer({talk})};
+        Heard heard;
+        const auto late = [&](lab::Connection& agent) {
+            Accept(agent);
+            for (auto& service : services)
+                NewSession(agent, service.Port(), "session-" + std::to_string(10000000 + service.Port()));
+            std::this_thread::sleep_for(500ms);
+            heard = Listen(agent, 3);
+            HangUp(agent);
+        };
+        Delays delays = QuickDelays();
+        delays.stall = stall;
+        int waiting = 0, reached = 0;
+        for (const auto& line : RunTunnel({late}, logVerbose, delays)) {
+            if (line.find("bytes from service") != std::string::npos) reached = std::max(reached, ++waiting);
+            if (line.find("Inside SendAsync, type 0") != std::string::npos) --waiting;
+        }
+        EXPECT_LE(reached, most);
+        EXPECT_GT(reached, most - 6) << "less than may be waiting";
+        for (const auto& [id, data] : heard.data) EXPECT_TRUE(data == sent) << id;
+        EXPECT_EQ(heard.data.size(), 3U);
+    }
+}
+
 TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
     const std::string largest(131072, 'x');
     lab::ScriptedServer service(
