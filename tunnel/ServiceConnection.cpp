@@ -43,7 +43,7 @@ void ServiceConnection::OnConnected(std::error_code error) {
 void ServiceConnection::ListenToService() {
     if (failed) return;
     LogListening();
-    WaitForService();
+    hasMore ? OnReadable({}) : WaitForService();
 }
 
 void ServiceConnection::LogListening() const {
@@ -68,6 +68,7 @@ void ServiceConnection::ReadService() {
         static_cast<std::size_t>(failed ? 1 : std::min(maxReads, pauseAbove + 1 - pendingUploads));
     std::error_code error;
     const std::size_t size = socket.read_some(asio::buffer(buffer, reads * maxReadBytes), error);
+    hasMore = size == reads * maxReadBytes;
     if (error == asio::error::would_block) return WaitForService();
     if (error) return OnReadError(error);
     for (std::size_t begin = 0; begin < size; begin += maxReadBytes) {

@@ -97,6 +97,7 @@ private:
     asio::steady_timer timer;              // the shutdown's
     std::deque<std::string> serviceQueue;  // the front is being written
     std::size_t sentBytes = 0;             // of the front
+    bool hasMore = false;  // the last read took all it could: waiting for the next would be in vain
     bool listeningPaused = false;
     int pendingUploads = 0;  // frames handed to the owner and not yet reported written
 };
