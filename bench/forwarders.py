@@ -17,6 +17,15 @@ import time
 
 SLOW_LINE = ("20", "15")  # megabits per second from the device, milliseconds each way
 
+# The device's side has a processor of its own, the last one, as a device has; its cloud and the clients share the
+# others. Left to the kernel, who wakes whom on which processor decided more than any forwarder did.
+PROCESSORS = sorted(os.sched_getaffinity(0))
+DEVICE_PROCESSOR, CLOUD_PROCESSORS = PROCESSORS[-1], PROCESSORS[:-1] or PROCESSORS
+
+
+def on_device(*command):
+    return ("taskset", "--cpu-list", str(DEVICE_PROCESSOR), *command)
+
 
 class Process:
     """A program of ours with its output in a file; `with` ends it."""
@@ -118,7 +127,7 @@ listen bench
     bind 127.0.0.1:{self.port}
     server service 127.0.0.1:{self.service_port}
 """)
-        self.device = self.run(self.name, "haproxy", "-db", "-f", config)
+        self.device = self.run(self.name, *on_device("haproxy", "-db", "-f", config))
         wait_for_port(self.port)
 
 
@@ -141,11 +150,11 @@ PidFile none
             os.makedirs("/run/sshd", exist_ok=True)  # sshd's own demand
         self.run("sshd", "/usr/sbin/sshd", "-D", "-e", "-f", config)
         wait_for_port(port)
-        self.device = self.run(
-            self.name, "ssh", "-F", "none", "-N", "-T", "-p", str(self.via_line(port)), "-i", user_key,
+        self.device = self.run(self.name, *on_device(
+            "ssh", "-F", "none", "-N", "-T", "-p", str(self.via_line(port)), "-i", user_key,
             "-o", "BatchMode=yes", "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
             "-o", "IdentityAgent=none", "-o", "ExitOnForwardFailure=yes", "-c", "aes128-gcm@openssh.com",
-            "-R", f"127.0.0.1:0:127.0.0.1:{self.service_port}", "127.0.0.1")
+            "-R", f"127.0.0.1:0:127.0.0.1:{self.service_port}", "127.0.0.1"))
         self.port = int(self.device.wait_for(r"Allocated port (\d+)")[1])
 
     def make_key(self, name):
@@ -179,7 +188,7 @@ class Agent(WithLab):
         if self.slow:  # an HTTP proxy tells the agent that the tunnel server is where the line begins
             self.proxy = Proxy(self.api, {f":{self.tunnel}\"": f":{self.via_line(self.tunnel)}\""})
             environment.update(http_proxy=f"http://127.0.0.1:{self.proxy.server_port}", no_proxy="")
-        self.device = self.run(self.name, self.tools + "/../core/tunnel-client", self.config, env=environment)
+        self.device = self.run(self.name, *on_device(self.tools + "/../core/tunnel-client", self.config), env=environment)
 
 
 class Floor(WithLab):
@@ -187,8 +196,8 @@ class Floor(WithLab):
 
     def start_device(self):
         user, password = self.register()
-        self.device = self.run(self.name, self.tools + "/bench-floor", str(self.via_line(self.tunnel)), user, password,
-                               "floor", env=self.device_environment())
+        floor = on_device(self.tools + "/bench-floor", str(self.via_line(self.tunnel)), user, password, "floor")
+        self.device = self.run(self.name, *floor, env=self.device_environment())
 
     def register(self):
         """What an agent does before it connects, here on the floor's behalf."""

@@ -2,6 +2,7 @@
 """Runs the measurements; scripts/bench.sh builds what this needs and says how to use it."""
 
 import argparse
+import contextlib
 import json
 import os
 import platform
@@ -30,10 +31,11 @@ MEASURES = {
 def main():
     options = read_options()
     kinds.raise_descriptor_limit()
+    os.sched_setaffinity(0, kinds.CLOUD_PROCESSORS)  # ours, and of all that we start but on_device
     os.makedirs(options.output, exist_ok=True)
     figures, failures = {name: {} for name in options.forwarders}, []
     with tempfile.TemporaryDirectory(prefix="bench-") as folder:
-        service = kinds.Process("service", [options.tools + "/bench-service"], folder)
+        service = kinds.Process("service", kinds.on_device(options.tools + "/bench-service"), folder)
         try:
             port = int(service.wait_for(r"port (\d+)")[1])
             for number in range(1, options.rounds + 1):
@@ -70,27 +72,46 @@ def read_options():
 def one_round(options, folder, port, figures):
     """What a forwarder could not do; the rest is measured all the same."""
     failures = []
-    for measure, (manner, suits) in MEASURES.items():  # one after the other, for the machine's speed varies
-        for name in random.sample(options.forwarders, len(options.forwarders)):
-            if measure not in options.only or not suits(kinds.FORWARDERS[name]):
-                continue
-            started = time.monotonic()
-            try:
-                with tempfile.TemporaryDirectory(dir=folder) as own:
-                    with kinds.FORWARDERS[name](options.tools, own, port, **manner) as forwarder:
-                        take(forwarder, measure, options.quick, figures[name])
-            except (RuntimeError, OSError, subprocess.SubprocessError) as error:
-                failures.append(f"{name} {measure}: {error}")
-                print("  FAILED", failures[-1], flush=True)
-            print(f"  {name:8} {measure:10} {time.monotonic() - started:5.1f} s", flush=True)
+    for measure, (manner, suits) in MEASURES.items():
+        if measure not in options.only:
+            continue
+        started = time.monotonic()
+        with contextlib.ExitStack() as standing:
+            values = {}
+            for name in options.forwarders:
+                if suits(kinds.FORWARDERS[name]):
+                    own = standing.enter_context(tempfile.TemporaryDirectory(dir=folder))
+                    forwarder = kinds.FORWARDERS[name](options.tools, own, port, **manner)
+                    values[name] = proved_figures(standing, forwarder, measure, options.quick)
+            for name, result in in_turns(values):
+                if isinstance(result, Exception):
+                    failures.append(f"{name} {measure}: {result}")
+                    print("  FAILED", failures[-1], flush=True)
+                else:
+                    figures[name].setdefault(result[0], []).append(result[1])
+        print(f"  {measure:10} {time.monotonic() - started:5.1f} s", flush=True)
     return failures
 
 
-def take(forwarder, measure, quick, figures):
+def in_turns(generators):
+    """Pairs of a name and the next value of its generator, or the exception that ended it. All take turns, in random
+    order, step by step: the machine's speed changes within minutes, and nobody must have a bad one for himself."""
+    while generators:
+        for name in random.sample(list(generators), len(generators)):
+            try:
+                yield name, next(generators[name])
+            except StopIteration:
+                del generators[name]
+            except (RuntimeError, OSError, subprocess.SubprocessError) as error:
+                del generators[name]
+                yield name, error
+
+
+def proved_figures(standing, forwarder, measure, quick):
+    standing.enter_context(forwarder)
     if measure != "memory":  # which wants a process without a past
         measures.prove(forwarder)
-    for figure, value in getattr(measures, measure)(forwarder, quick):
-        figures.setdefault(figure, []).append(value)
+    yield from getattr(measures, measure)(forwarder, quick)
     if measure == "memory":
         measures.prove(forwarder)
 
