@@ -13,7 +13,7 @@ struct Delays {
     std::chrono::milliseconds sessionRemoval =
         std::chrono::seconds(5);  ///< closed to leaving the session table
     std::chrono::milliseconds stall =
-        std::chrono::milliseconds(250);  ///< no frame left for so long: services are read ahead
+        std::chrono::seconds(1);  ///< without a byte leaving: then services are read ahead
     std::chrono::milliseconds second = std::chrono::seconds(1);  ///< how long a configured second lasts
 };
 

@@ -57,7 +57,13 @@ void ServiceConnection::WaitForService() {
 
 void ServiceConnection::OnReadable(std::error_code error) {
     if (error) return OnReadError(error);
-    owner->HasRoom() ? ReadService() : owner->WaitForRoom(weak_from_this());
+    if (stopFlag || owner->HasRoom()) return ReadService();
+    waitsForRoom = true;
+    owner->WaitForRoom(weak_from_this());
+}
+
+void ServiceConnection::ReadInTurn() {
+    if (std::exchange(waitsForRoom, false)) ReadService();
 }
 
 // A busy service is read several frames at a time, as if by one read after the other, and never past the pause. After a
@@ -179,6 +185,8 @@ void ServiceConnection::Stop() {
              params.sessionId.c_str());
     if (stopFlag) return;
     stopFlag = true;
+    // Behind many others its turn might come after its socket has been closed.
+    if (waitsForRoom) asio::post(socket.get_executor(), Weakly(&ServiceConnection::ReadInTurn));
     Wait(delays.sessionClose, &ServiceConnection::OnCloseDelayOver);
 }
 

@@ -21,7 +21,8 @@ struct SessionParams {
 
 /// Bridges one tunnel session to one local TCP service.
 ///
-///   Connect -> OnConnected -> ListenToService <-> OnReadable (paused by too many uploads, see UploadFinished)
+///   Connect -> OnConnected -> ListenToService -> OnReadable (-> ReadInTurn) -> ReadService -> ListenToService ...
+///                             (paused by too many uploads, see UploadFinished)
 ///              QueueData   -> SendAsync -> WritePayload <-> OnWritable, then OnSent
 ///   Stop -> OnCloseDelayOver -> OnRemovalDelayOver           (traffic goes on until the socket is closed)
 ///
@@ -31,6 +32,7 @@ struct SessionParams {
 class ServiceConnection : public std::enable_shared_from_this<ServiceConnection> {
 public:
     static constexpr std::size_t maxReadBytes = 16384;  ///< of the service in one frame
+    static constexpr int pauseAbove = 19;               ///< uploads not yet written to the tunnel
 
     /// @param sessionOwner not owned, outlives the connection
     ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner, asio::io_context& io,
@@ -48,8 +50,8 @@ public:
     /// the server down for one session. Dropped without a word once the connection has failed.
     void QueueData(std::string payload);
 
-    /// Reads what the service has said, at most as much as may be uploaded before the pause.
-    void ReadService();
+    /// The read that it asked the owner for with WaitForRoom; nothing if that has been done meanwhile.
+    void ReadInTurn();
 
     /// One data frame of this session has been written to the tunnel.
     void UploadFinished();
@@ -58,9 +60,8 @@ public:
     void Stop();
 
 private:
-    static constexpr int maxReads = 4;     // in one call; more brought nothing
-    static constexpr int pauseAbove = 19;  // uploads not yet written to the tunnel
-    static constexpr int resumeAt = 14;    // the gap keeps reading from stuttering at the limit
+    static constexpr int maxReads = 4;   // in one call; more brought nothing
+    static constexpr int resumeAt = 14;  // the gap keeps reading from stuttering at the limit
 
     // A handler that does nothing once the connection is gone.
     template <typename Method>
@@ -75,6 +76,7 @@ private:
     void LogListening() const;
     void WaitForService();
     void OnReadable(std::error_code error);
+    void ReadService();
     void OnReadError(std::error_code error);
     void Upload(std::string_view bytes);
     void SendAsync();
@@ -97,7 +99,8 @@ private:
     asio::steady_timer timer;              // the shutdown's
     std::deque<std::string> serviceQueue;  // the front is being written
     std::size_t sentBytes = 0;             // of the front
-    bool hasMore = false;  // the last read took all it could: waiting for the next would be in vain
+    bool hasMore = false;                  // the last read took all it could: no need to wait for the next
+    bool waitsForRoom = false;             // in the tunnel's queue
     bool listeningPaused = false;
     int pendingUploads = 0;  // frames handed to the owner and not yet reported written
 };

@@ -18,7 +18,7 @@ public:
     virtual void QueueMessage(TunnelMessage message) = 0;
     /// So few frames wait for the server that a service may be read at once.
     virtual bool HasRoom() const = 0;
-    /// Calls the session's ReadService later, once: when there is room, or nothing moves anyway.
+    /// Calls the session's ReadInTurn later, once: when there is room, or nothing moves anyway.
     virtual void WaitForRoom(std::weak_ptr<ServiceConnection> session) = 0;
     /// Memory for a payload that QueueMessage is to be given: an earlier one's, whatever it holds, or an empty string.
     virtual std::string SparePayload() = 0;

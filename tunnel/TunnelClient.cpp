@@ -50,7 +50,6 @@ void TunnelClient::Connect() {
     sendQueue.clear();
     sentBytes = 0;
     sessions.clear();
-    waitingSessions.Clear();
     LogWrite("TunnelClient", 98, logInfo, "Connecting to tunnel server %s:%d", config.serverHost.c_str(),
              config.serverPort);
     resolver.async_resolve(config.serverHost, std::to_string(config.serverPort),
@@ -315,7 +314,23 @@ void TunnelClient::SendDisconnectSession(const std::string& sessionId) {
     QueueMessage(TunnelMessage(controlFrame, "", BuildDisconnectSessionMessage(sessionId)));
 }
 
-bool TunnelClient::HasRoom() const { return sendQueue.size() < enoughFrames || waitingSessions.Stalled(); }
+void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
+    const auto session = sessions.find(sessionId);
+    if (session == sessions.end()) {
+        LogWrite("TunnelClient", 366, logError, "Stopped session %s not found", sessionId.c_str());
+        return;
+    }
+    LogWrite("TunnelClient", 362, logDebug, "Removing stopped session %s", sessionId.c_str());
+    sessions.erase(session);
+    // A service slower than its client can have made us hold megabytes; the allocator would
+    // keep them for itself.
+    if (!sessions.empty()) return;
+    spareDownload = {};
+    spareUploads = {};
+    malloc_trim(0);
+}
+
+bool TunnelClient::HasRoom() const { return sendQueue.size() < enoughFrames || waitingSessions.IsStalled(); }
 
 void TunnelClient::WaitForRoom(std::weak_ptr<ServiceConnection> session) {
     waitingSessions.Add(std::move(session));
@@ -338,22 +353,6 @@ std::string TunnelClient::SparePayload() {
 void TunnelClient::KeepPayload(std::string payload) {
     const bool isLarge = payload.capacity() >= ServiceConnection::maxReadBytes;
     if (isLarge && spareUploads.size() < maxSpareUploads) spareUploads.push_back(std::move(payload));
-}
-
-void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
-    const auto session = sessions.find(sessionId);
-    if (session == sessions.end()) {
-        LogWrite("TunnelClient", 366, logError, "Stopped session %s not found", sessionId.c_str());
-        return;
-    }
-    LogWrite("TunnelClient", 362, logDebug, "Removing stopped session %s", sessionId.c_str());
-    sessions.erase(session);
-    // A service slower than its client can have made us hold megabytes; the allocator would
-    // keep them for itself.
-    if (!sessions.empty()) return;
-    spareDownload = {};
-    spareUploads = {};
-    malloc_trim(0);
 }
 
 // ---- Sending
@@ -437,6 +436,7 @@ void TunnelClient::OnSendError(std::error_code error) {
 }
 
 void TunnelClient::FinishFrames(std::size_t size) {
+    if (size > 0) waitingSessions.TunnelMoves();
     sentBytes += size;
     while (!sendQueue.empty() && sentBytes >= FrameBytes(sendQueue.front())) {
         sentBytes -= FrameBytes(sendQueue.front());
@@ -453,7 +453,6 @@ void TunnelClient::FinishFrame() {
         KeepPayload(std::move(outgoing.data));
     }
     sendQueue.pop_front();
-    waitingSessions.FrameLeft();
     if (!sendQueue.empty()) return BeginFrame();
     LogWrite("TunnelClient", 436, logVerbose, "skipping SendAsync, sendQueue is empty");
 }

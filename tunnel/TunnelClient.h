@@ -46,8 +46,8 @@ public:
 private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
-    static constexpr int maxUnsentBytes = 16384;     // one frame; see docs/performance.md
-    static constexpr std::size_t enoughFrames = 20;  // what one session may have in the queue
+    static constexpr int maxUnsentBytes = 16384;  // one frame; see docs/performance.md
+    static constexpr std::size_t enoughFrames = ServiceConnection::pauseAbove + 1;  // as one session may have
     static constexpr std::size_t maxSpareUploads = 32;
 
     // What became of one call that sends.

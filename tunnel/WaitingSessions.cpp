@@ -13,17 +13,12 @@ bool WaitingSessions::LetOneRead() {
     if (sessions.empty()) return false;
     const auto session = sessions.front().lock();
     sessions.pop_front();
-    if (session) session->ReadService();
+    if (session) session->ReadInTurn();
     return true;
 }
 
-void WaitingSessions::FrameLeft() {
+void WaitingSessions::TunnelMoves() {
     moving = true;
-    stalled = false;
-}
-
-void WaitingSessions::Clear() {
-    sessions.clear();
     stalled = false;
 }
 

@@ -25,8 +25,8 @@ struct Owner : SessionOwner {
         calls += "remove " + session + "\n";
         connection.reset();
     }
-    bool HasRoom() const override { return true; }
-    void WaitForRoom(std::weak_ptr<ServiceConnection>) override {}
+    bool HasRoom() const override { return hasRoom; }
+    void WaitForRoom(std::weak_ptr<ServiceConnection>) override { ++waits; }
     std::string SparePayload() override { return "whatever"; }
     void PayloadWritten(std::string) override {}
     std::string Received() const {
@@ -36,6 +36,8 @@ struct Owner : SessionOwner {
     }
     std::vector<TunnelMessage> frames;
     std::string calls;
+    bool hasRoom = true;
+    int waits = 0;
     std::shared_ptr<ServiceConnection> connection;
 };
 
@@ -118,6 +120,29 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     });
     EXPECT_TRUE(owner.Received() == sent);
     for (const TunnelMessage& frame : owner.frames) EXPECT_LE(frame.data.size(), 16384U);
+}
+
+// It waits for what the service said and for its end; a turn that is no longer needed does nothing.
+TEST_F(ServiceConnectionTest, ReadsInItsTurnOrWhenItIsStopped) {
+    owner.hasRoom = false;
+    for (const bool stopped : {false, true}) {
+        SCOPED_TRACE(stopped);
+        lab::ScriptedServer service({[](lab::Connection& peer) { peer.Write("said"); }});
+        const auto connection = Connect(service.Port());
+        owner.waits = 0;
+        owner.frames.clear();
+        RunUntil([&] { return owner.waits == 1; });
+        io.run_for(20ms);
+        EXPECT_EQ(owner.Received(), "");
+        stopped ? connection->Stop() : connection->ReadInTurn();
+        RunUntil([&] { return owner.Received() == "said" && (stopped || owner.waits == 2); });
+        connection->Stop();
+        connection->ReadInTurn();
+        RunToTheEnd();
+        EXPECT_EQ(owner.Received(), "said");
+        EXPECT_EQ(owner.waits, stopped ? 1 : 2);
+        EXPECT_EQ(log.Count("ListenToService error with stopFlag, session " + id), stopped ? 2U : 1U);
+    }
 }
 
 TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {

@@ -41,11 +41,13 @@ TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
     EXPECT_TRUE(received == sent);
 }
 
-// How many frames wait at most, of three services that have much to say to a server that reads late.
-TEST(TunnelSessionsTest, ReadAheadTogetherNoMoreThanOneWouldUnlessTheTunnelStands) {
+// How many frames wait at most, of three services that have much to say to a server that reads late: as many as one
+// may have, exceeded by the last read of up to four; or, when the tunnel counts as stalled, as many of each.
+TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
     const std::string sent = Megabytes(3);
-    const std::pair<std::chrono::milliseconds, int> rows[] = {{2s, 24}, {10ms, 60}};
+    const std::pair<std::chrono::milliseconds, int> rows[] = {{1s, 23}, {10ms, 60}};
     for (const auto& [stall, most] : rows) {
+        SCOPED_TRACE(most);
         const lab::Conversation talk = [&](lab::Connection& peer) {
             peer.Write(sent);
             peer.ShutdownSend();
@@ -70,7 +72,7 @@ TEST(TunnelSessionsTest, ReadAheadTogetherNoMoreThanOneWouldUnlessTheTunnelStand
             if (line.find("Inside SendAsync, type 0") != std::string::npos) --waiting;
         }
         EXPECT_LE(reached, most);
-        EXPECT_GT(reached, most - 6) << "less than may be waiting";
+        EXPECT_GE(reached, most - 5) << "the first of them may have left";
         for (const auto& [id, data] : heard.data) EXPECT_TRUE(data == sent) << id;
         EXPECT_EQ(heard.data.size(), 3U);
     }
