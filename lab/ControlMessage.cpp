@@ -16,18 +16,18 @@ bool ControlMessage::IsSignedWith(const std::string& password) const {
 }
 
 std::vector<Member> Welcome(const std::string& text) {
-    return {{"method", R"("message")"}, {"message", Quoted(text)}};
+    return {{"method", R"("message")"}, {"message", StringValue(text)}};
 }
 
 std::vector<Member> NewSession(const std::string& id, unsigned short remotePort) {
     return {{"method", R"("new_session")"},
-            {"session", Quoted(id)},
+            {"session", StringValue(id)},
             {"localHost", R"("127.0.0.1")"},
             {"localPort", std::to_string(remotePort)}};
 }
 
 std::vector<Member> EndSession(const std::string& id) {
-    return {{"method", R"("end_session")"}, {"session", Quoted(id)}};
+    return {{"method", R"("end_session")"}, {"session", StringValue(id)}};
 }
 
 std::vector<Member> Conflict() { return {{"method", R"("conflict")"}}; }

@@ -69,7 +69,7 @@ std::string TextOf(const std::string& value) {
     return hasEscapes ? nlohmann::json::parse(value).get<std::string>() : value.substr(1, value.size() - 2);
 }
 
-std::string Quoted(const std::string& text) { return nlohmann::json(text).dump(); }
+std::string StringValue(const std::string& text) { return nlohmann::json(text).dump(); }
 
 std::string TextMember(const std::vector<Member>& members, const std::string& name) {
     const auto isIt = [&](const Member& member) { return member.first == name; };

@@ -18,8 +18,8 @@ std::vector<Member> Members(const std::string& object);
 /// The text of a string value, decoded; of any other value its JSON text.
 std::string TextOf(const std::string& value);
 
-/// A text as a string value.
-std::string Quoted(const std::string& text);
+/// The JSON text of a string value.
+std::string StringValue(const std::string& text);
 
 /// The decoded text of the first member of that name; "" when there is none or it is no string.
 std::string TextMember(const std::vector<Member>& members, const std::string& name);

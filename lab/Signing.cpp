@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "lab/RandomText.h"
 
@@ -19,7 +20,7 @@ bool Has(const std::vector<Member>& members, const std::string& name) {
                        [&](const Member& member) { return member.first == name; });
 }
 
-/// A name may come twice in JSON text; then its value is anybody's guess, and so is what was signed.
+/// By name. One may come twice in JSON text; then its value is anybody's guess, and so is what was signed.
 std::vector<const Member*> Sorted(const std::vector<Member>& members) {
     std::vector<const Member*> sorted(members.size());
     std::transform(members.begin(), members.end(), sorted.begin(),
@@ -84,7 +85,7 @@ std::string Sign(const std::string& password, const std::vector<Member>& members
     std::string text = "{";
     for (const auto& [name, value] : members)
         text.append(text.size() > 1 ? ",\"" : "\"").append(name).append("\":").append(value);
-    return Seal(text, members, password, stamp);
+    return Seal(std::move(text), members, password, stamp);
 }
 
 }  // namespace lab

@@ -25,7 +25,9 @@ struct Stamp {
 /// The object with "timestamp", "noncestr" and "sign" appended; those that it has already stay as they are.
 /// @throws std::invalid_argument unless `object` is the text of one JSON object
 std::string Sign(const std::string& password, const std::string& object, const Stamp& stamp = Stamp::Now());
-/// The same of members that need not be taken out of a text. @param members their names need no escapes
+/// The same of members that need not be taken out of a text.
+/// @param members their names need no escapes
+/// @throws std::invalid_argument when a name comes twice
 std::string Sign(const std::string& password, const std::vector<Member>& members,
                  const Stamp& stamp = Stamp::Now());
 
