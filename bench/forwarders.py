@@ -188,7 +188,8 @@ class Agent(WithLab):
         if self.slow:  # an HTTP proxy tells the agent that the tunnel server is where the line begins
             self.proxy = Proxy(self.api, {f":{self.tunnel}\"": f":{self.via_line(self.tunnel)}\""})
             environment.update(http_proxy=f"http://127.0.0.1:{self.proxy.server_port}", no_proxy="")
-        self.device = self.run(self.name, *on_device(self.tools + "/../core/tunnel-client", self.config), env=environment)
+        agent = on_device(self.tools + "/../core/tunnel-client", self.config)
+        self.device = self.run(self.name, *agent, env=environment)
 
 
 class Floor(WithLab):

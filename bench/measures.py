@@ -1,7 +1,7 @@
-"""The measurements, each of one forwarder that stands: a generator of (figure's name, value).
+"""The measurements, each of one forwarder that stands: a generator of the values of one step, by figure.
 
-A figure's name reads from the general to the special: what, which way, how many streams, unit. What depends on where
-the kernel happens to run whom is measured several times, and its figure comes as often.
+A figure's name reads from the general to the special: what, which way, how many streams, unit. What depends on when it is
+measured is measured several times, and its figure comes as often.
 """
 
 import contextlib
@@ -66,9 +66,8 @@ def bulk(forwarder, quick, streams=(1, 8)):
             times = 1 if quick or count > 10 else TIMES  # many sessions take a while to fill what lies between
             for _ in range(times):
                 speed, cpu = move(forwarder, size // times, direction, count)
-                yield f"bulk {direction} {count} MB/s", speed
-                if forwarder.device:
-                    yield f"bulk {direction} {count} CPU s/GiB", cpu
+                speeds = {f"bulk {direction} {count} MB/s": speed}
+                yield {**speeds, f"bulk {direction} {count} CPU s/GiB": cpu} if forwarder.device else speeds
 
 
 def streams(forwarder, quick):
@@ -82,8 +81,7 @@ def round_trips(forwarder, prefix, times, kinds):
             result = finish()
         if " " in kind:
             time.sleep(6)  # the stream beside it is served for five more seconds, and must not be there twice
-        yield f"{prefix} {kind} p50 us", result["p50"]
-        yield f"{prefix} {kind} p99 us", result["p99"]
+        yield {f"{prefix} {kind} p50 us": result["p50"], f"{prefix} {kind} p99 us": result["p99"]}
 
 
 def roundtrip(forwarder, quick):
@@ -103,22 +101,23 @@ def sessions(forwarder, quick):
     for _ in range(1 if quick else TIMES):
         with load(forwarder, "sessions", 300 if quick else 1500) as finish:
             result = finish()
-        yield "sessions per s", result["sessions"] / result["seconds"]
+        yield {"sessions per s": result["sessions"] / result["seconds"]}
         count += result["sessions"]
     time.sleep(11)  # an ended session costs its device something up to ten seconds later
     if forwarder.device:
-        yield "sessions CPU us", 1e6 * (cpu_seconds(forwarder) - before) / count
+        yield {"sessions CPU us": 1e6 * (cpu_seconds(forwarder) - before) / count}
 
 
 def memory(forwarder, quick):
     """On a forwarder without a past: KiB of memory that is the device process's own."""
     if not forwarder.device:
         return
-    yield "memory 0 KiB", own_memory(forwarder)
+    yield {"memory 0 KiB": own_memory(forwarder)}
     for count in (1000,) if quick else (1, 100, 1000):
         with load(forwarder, "idle", count) as finish:
-            yield f"memory {count} KiB", own_memory(forwarder)
+            size = own_memory(forwarder)
             finish()
+        yield {f"memory {count} KiB": size}
         time.sleep(0 if count == 1000 else 11)  # until the agent has let go of the sessions
 
 
@@ -135,7 +134,7 @@ def mallocs(forwarder, quick):
             with load(forwarder, "bulk", size, direction, count) as finish:
                 before = malloc_count(forwarder)
                 finish()
-                yield f"mallocs {direction} {count} per frame", (malloc_count(forwarder) - before) * frame / size
+                yield {f"mallocs {direction} {count} per frame": (malloc_count(forwarder) - before) * frame / size}
 
 
 def malloc_count(forwarder):

@@ -76,19 +76,19 @@ def one_round(options, folder, port, figures):
         if measure not in options.only:
             continue
         started = time.monotonic()
-        with contextlib.ExitStack() as standing:
-            values = {}
+        with contextlib.ExitStack() as ends:
+            steps = {}
             for name in options.forwarders:
                 if suits(kinds.FORWARDERS[name]):
-                    own = standing.enter_context(tempfile.TemporaryDirectory(dir=folder))
-                    forwarder = kinds.FORWARDERS[name](options.tools, own, port, **manner)
-                    values[name] = proved_figures(standing, forwarder, measure, options.quick)
-            for name, result in in_turns(values):
+                    steps[name] = figures_of(name, measure, manner, options, folder, port)
+                    ends.callback(steps[name].close)
+            for name, result in in_turns(steps):
                 if isinstance(result, Exception):
                     failures.append(f"{name} {measure}: {result}")
                     print("  FAILED", failures[-1], flush=True)
-                else:
-                    figures[name].setdefault(result[0], []).append(result[1])
+                    continue
+                for figure, value in result.items():
+                    figures[name].setdefault(figure, []).append(value)
         print(f"  {measure:10} {time.monotonic() - started:5.1f} s", flush=True)
     return failures
 
@@ -107,13 +107,15 @@ def in_turns(generators):
                 yield name, error
 
 
-def proved_figures(standing, forwarder, measure, quick):
-    standing.enter_context(forwarder)
-    if measure != "memory":  # which wants a process without a past
-        measures.prove(forwarder)
-    yield from getattr(measures, measure)(forwarder, quick)
-    if measure == "memory":
-        measures.prove(forwarder)
+def figures_of(name, measure, manner, options, folder, port):
+    """The measurement's steps, on a forwarder that stands as long as this generator lives."""
+    with tempfile.TemporaryDirectory(dir=folder) as own:
+        with kinds.FORWARDERS[name](options.tools, own, port, **manner) as forwarder:
+            if measure != "memory":  # which wants a process without a past
+                measures.prove(forwarder)
+            yield from getattr(measures, measure)(forwarder, options.quick)
+            if measure == "memory":
+                measures.prove(forwarder)
 
 
 def measure_idle(options, folder, port, figures):

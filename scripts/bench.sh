@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Measures the agent beside the least that any agent must do (the floor), ssh -R, a plain relay, and nothing at all:
-# starts them all and lets them take turns, in random order, several rounds; prints medians, spread, ratios and the goals.
+# starts them all and lets them take turns, in random order, several rounds; prints medians, spread, ratios and goals.
 #
 # Usage: scripts/bench.sh [--quick] [--rounds N] [--output DIR] [--only WHAT...] [--forwarders NAME...]
 #   --quick       one round of short measurements
