@@ -154,13 +154,13 @@ TEST(DisturbedAgent, GoesOnAfterBeingStoppedAcrossItsTimers) {
         says::NewSession(tunnel, first, service.Port());
         says::Echo(tunnel, first);
         running.Agent().Signal(SIGSTOP);
-        std::this_thread::sleep_for(1s);  // fifty seconds to the agent: verification limit and heartbeat pass
+        std::this_thread::sleep_for(2s);  // fifty seconds to the agent: verification limit and heartbeat pass
         running.Agent().Signal(SIGCONT);
         while (lab::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
         says::Echo(tunnel, first);
         says::NoAddress(tunnel);
     });
-    support::Process agent(cloud.Command("error"), Cloud::Environment(50));
+    support::Process agent(cloud.Command("error"), Cloud::Environment(25));
     running.agent = &agent;
     ASSERT_TRUE(Says(agent, "Tunnel client error"));
     EXPECT_EQ(Count(agent.Output(), "\n"), 2U)
@@ -179,7 +179,8 @@ double TimeOf(const std::string& log, const std::string& text) {
     return hours * 3600 + minutes * 60 + seconds;
 }
 
-// A second may be missing, because the log reads two clocks for one line.
+// A second may be missing, because the log reads two clocks for one line; ten are one of the machine's, that may stand
+// still as long.
 void ExpectDelay(const std::string& log, const std::string& from, const std::string& to, double seconds) {
     double lasted = TimeOf(log, to) - TimeOf(log, from);
     if (lasted < -1) lasted += 86400;
@@ -200,7 +201,7 @@ TEST(DisturbedAgent, WaitsAsLongAsDescribed) {
         while (lab::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
         says::NoAddress(tunnel);
     });
-    support::Process agent(cloud.Command("verbose"), Cloud::Environment(20));
+    support::Process agent(cloud.Command("verbose"), Cloud::Environment(10));
     ASSERT_TRUE(Says(agent, "Tunnel client error"));
     const std::string log = agent.Output();
     ExpectDelay(log, "TunnelClient:115]", "Verification timeout", 15);
@@ -223,10 +224,10 @@ TEST(DisturbedAgent, BeatsByTheMonotonicClock) {
         }
         says::NoAddress(tunnel);
     });
-    support::Process agent(cloud.Command("debug"), Cloud::Environment(100));
+    support::Process agent(cloud.Command("debug"), Cloud::Environment(50));
     running.agent = &agent;
     ASSERT_TRUE(Says(agent, "Tunnel client error")) << agent.Output();
-    for (std::size_t i = 1; i < beats.size(); ++i) EXPECT_GE(beats[i] - beats[i - 1], 200ms) << i;
+    for (std::size_t i = 1; i < beats.size(); ++i) EXPECT_GE(beats[i] - beats[i - 1], 300ms) << i;
 }
 
 }  // namespace

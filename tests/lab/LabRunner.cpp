@@ -12,8 +12,7 @@ namespace lab {
 
 Timings LabRunner::Short() {
     Timings timings;
-    timings.ssoLimit = timings.verifyLimit = timings.quiet = std::chrono::seconds(1);
-    timings.stall = std::chrono::milliseconds(300);
+    timings.ssoLimit = timings.verifyLimit = timings.quiet = std::chrono::seconds(3);
     return timings;
 }
 

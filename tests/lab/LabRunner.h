@@ -16,11 +16,13 @@
 
 namespace lab {
 
-/// A lab on a thread of its own, with delays in milliseconds; keeps what it tells.
+/// A lab on a thread of its own; keeps what it tells.
 class LabRunner {
 public:
     explicit LabRunner(Ports ports = {}, Timings timings = Short());
     ~LabRunner();
+    /// Three seconds where a test waits for the end of them, for a busy machine may stand still for one; clients
+    /// that take nothing have the usual time.
     static Timings Short();
 
     unsigned short SsoPort() const { return lab->SsoPort(); }

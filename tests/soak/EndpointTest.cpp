@@ -50,7 +50,7 @@ TEST_F(EndpointTest, SendsItsStreamShutsDownAndChecksTheOtherWhichItStopsReading
     plan.maxPieceBytes = 777;
     plan.finish = soak::Finish::Shutdown;
     plan.stallAt = 3000;
-    plan.stall = 300ms;
+    plan.stall = 2s;
     Start();
     asio::write(peer, asio::buffer(Bytes(toClient, 3000)));
     Run(100ms);

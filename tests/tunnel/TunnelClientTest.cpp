@@ -261,6 +261,7 @@ Lines SayEverything(int level) {
         HangUp(agent);
     };
     Delays delays = QuickDelays();
+    delays.verificationLimit = 300ms;
     delays.tunnelClose = 10ms;
     delays.sessionClose = 300ms;  // so that sessions still upload to the closed tunnel
     delays.second = 1ms;

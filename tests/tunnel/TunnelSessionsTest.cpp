@@ -137,7 +137,7 @@ TEST(TunnelSessionsTest, OpenedWhileStoppingAreStoppedToo) {
     lab::ScriptedServer service({[](lab::Connection& peer) { peer.ReadToEnd(); }});
     Delays delays = QuickDelays();
     delays.verificationLimit = 50ms;
-    delays.tunnelClose = 600ms;
+    delays.tunnelClose = 2s;
     const auto serve = [&](lab::Connection& agent) {
         lab::ReadControl(agent);
         std::this_thread::sleep_for(200ms);
