@@ -128,15 +128,6 @@ reader::push_result reader::push(char ch) {
     return open.back() == '[' ? push_array(ch) : push_object(ch);
 }
 
-std::size_t reader::push_plain(const char* text) {
-    const bool reads_string = place == spot::key || (place == spot::value && kind == jtype::jstring);
-    if (!reads_string || (state != string_opened && state != string_inside)) return 0;
-    const std::size_t count = std::strcspn(text, "\"\\");
-    if (count > 0) state = string_inside;
-    append(text, count);
-    return count;
-}
-
 jtype reader::type() const { return empty() ? jtype::not_valid : type_of(front()); }
 
 bool reader::is_valid() const { return place == spot::value && open.empty() && value_is_valid(); }

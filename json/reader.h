@@ -51,11 +51,6 @@ private:
     /// What the next character belongs to.
     enum class spot { start, opened, after_comma, key, after_key, after_colon, value };
 
-    friend struct ParseResult parse_value(const char* text);
-    /// Inside a string: takes all up to the next quote or backslash, as push() would, only faster.
-    /// @return how many characters that were; 0 outside of strings
-    std::size_t push_plain(const char* text);
-
     push_result push_key(char ch);
     push_result push_value(char ch);
     push_result push_string(char ch);
