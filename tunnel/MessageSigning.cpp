@@ -57,10 +57,11 @@ std::vector<std::size_t> SortedPositions(const std::vector<std::string>& names) 
 
 std::string Md5HexUpper(const std::string& text) {
     constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string hex;
+    std::string hex(2 * MD5_DIGEST_LENGTH, '0');
+    auto digit = hex.begin();
     for (const unsigned byte : Md5(text)) {
-        hex += digits[byte >> 4];
-        hex += digits[byte & 15];
+        *digit++ = digits[byte >> 4];
+        *digit++ = digits[byte & 15];
     }
     return hex;
 }
@@ -74,7 +75,9 @@ void AddTimestampAndNonce(json::jobject& message) {
 std::string ComputeSign(const std::string& secret, const json::jobject& message) {
     if (!message.has_key("timestamp")) throw json::invalid_key("timestamp");
     const std::vector<std::string> names = message.list_keys();
-    std::string text = secret;
+    std::string text;
+    text.reserve(256);  // as most are
+    text += secret;
     for (const std::size_t position : SortedPositions(names)) {
         if (names[position] == "sign") continue;
         text += names[position];
