@@ -40,7 +40,7 @@ public:
     class const_proxy;
     class proxy;
 
-    explicit jobject(bool array = false) : array_flag(array) {}
+    explicit jobject(bool array = false) : array_flag(array) { data.reserve(usual_members); }
     jobject(const jobject&) = default;
     jobject(jobject&&) = default;
     jobject& operator=(const jobject&) = default;
@@ -89,6 +89,8 @@ private:
     const char* read_members(const char* at);
     bool has_key_conflict() const;
     const std::string* find(const std::string& key) const;
+
+    static constexpr std::size_t usual_members = 8;  // as they are added, the memory need not grow
 
     std::vector<member> data;
     bool array_flag;

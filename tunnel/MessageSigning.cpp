@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <numeric>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -29,10 +29,7 @@ Digest Md5(const std::string& text) {
 
 std::string MillisecondsSinceEpoch() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const long long nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-    std::array<char, 32> text;
-    std::snprintf(text.data(), text.size(), "%lld", nanoseconds / 1000000);
-    return text.data();
+    return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
 // rand() is never seeded, here or anywhere in the agent, so each start repeats the same
