@@ -60,8 +60,9 @@ public:
     void Stop();
 
 private:
-    static constexpr int maxReads = 4;   // in one call; more brought nothing
-    static constexpr int resumeAt = 14;  // the gap keeps reading from stuttering at the limit
+    static constexpr int maxReads = 4;             // in one call; more brought nothing
+    static constexpr int resumeAt = 14;            // the gap keeps reading from stuttering at the limit
+    static constexpr int maxKernelBytes = 131072;  // of the service, not read yet
 
     // A handler that does nothing once the connection is gone.
     template <typename Method>
