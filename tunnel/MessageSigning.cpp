@@ -54,9 +54,10 @@ std::vector<std::size_t> SortedPositions(const std::vector<std::string>& names) 
 
 std::string Md5HexUpper(const std::string& text) {
     constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string hex(2 * MD5_DIGEST_LENGTH, '0');
+    const Digest digest = Md5(text);
+    std::string hex(2 * digest.size(), '0');
     auto digit = hex.begin();
-    for (const unsigned byte : Md5(text)) {
+    for (const unsigned byte : digest) {
         *digit++ = digits[byte >> 4];
         *digit++ = digits[byte & 15];
     }
