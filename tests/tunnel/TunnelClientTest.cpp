@@ -236,7 +236,10 @@ TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
 // Everything that a tunnel and its sessions have to say, but for what other tests see at level "error" and
 // what cannot happen.
 Lines SayEverything(int level) {
-    const lab::Conversation talk = [](lab::Connection& peer) { peer.Write(Megabytes(30)); };
+    const lab::Conversation talk = [](lab::Connection& peer) {
+        const std::string much = Megabytes(10);
+        for (int i = 0; i < 40; ++i) peer.Write(much);  // it has not said all when the tunnel closes
+    };
     const lab::Conversation listen = [](lab::Connection& peer) { peer.ReadToEnd(); };
     const lab::Conversation hangUp = [](lab::Connection& peer) { peer.Read(4); };
     lab::ScriptedServer services({listen, hangUp}), talker({talk}), other({talk});
