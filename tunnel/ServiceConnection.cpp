@@ -61,7 +61,7 @@ void ServiceConnection::WaitForService() {
 
 void ServiceConnection::OnReadable(std::error_code error) {
     if (error) return OnReadError(error);
-    if (stopFlag || owner->HasRoom()) return ReadService();
+    if (stopFlag || owner->HasRoom(pendingUploads)) return ReadService();
     waitsForRoom = true;
     owner->WaitForRoom(weak_from_this());
 }

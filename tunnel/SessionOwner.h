@@ -16,8 +16,8 @@ public:
     virtual ~SessionOwner() = default;
     /// Bytes read from the local service, as a data frame for the server.
     virtual void QueueMessage(TunnelMessage message) = 0;
-    /// So few frames wait for the server that a service may be read at once.
-    virtual bool HasRoom() const = 0;
+    /// A session of which so many frames wait for the server may read its service at once: no other's wait.
+    virtual bool HasRoom(int ownFrames) const = 0;
     /// Calls the session's ReadInTurn later, once: when there is room, or nothing moves anyway.
     virtual void WaitForRoom(std::weak_ptr<ServiceConnection> session) = 0;
     /// Memory for a payload that QueueMessage is to be given: an earlier one's, whatever it holds, or an empty string.

@@ -330,7 +330,10 @@ void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     malloc_trim(0);
 }
 
-bool TunnelClient::HasRoom() const { return sendQueue.size() < enoughFrames || waitingSessions.IsStalled(); }
+bool TunnelClient::HasRoom(int ownFrames) const {
+    if (waitingSessions.IsStalled()) return true;
+    return waitingSessions.IsEmpty() && sendQueue.size() <= static_cast<std::size_t>(ownFrames);
+}
 
 void TunnelClient::WaitForRoom(std::weak_ptr<ServiceConnection> session) {
     waitingSessions.Add(std::move(session));
@@ -418,7 +421,7 @@ void TunnelClient::OnSent(Sent sent) {
         if (!sent.all || sendQueue.empty()) break;
     }
     if (!sent.all) WaitForSocket();
-    while (HasRoom() && waitingSessions.LetOneRead()) continue;
+    while (sendQueue.empty() && waitingSessions.LetOneRead()) continue;
 }
 
 void TunnelClient::WaitForSocket() {

@@ -47,7 +47,6 @@ private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
     static constexpr int maxUnsentBytes = 16384;  // one frame; see docs/performance.md
-    static constexpr std::size_t enoughFrames = ServiceConnection::pauseAbove + 1;  // as one session may have
     static constexpr std::size_t maxSpareUploads = 32;
 
     // What became of one call that sends.
@@ -92,7 +91,7 @@ private:
     void ServiceConnectionFailed(const std::string& sessionId) override;
     void SendDisconnectSession(const std::string& sessionId) override;
     void RemoveStoppedSession(const std::string& sessionId) override;
-    bool HasRoom() const override;
+    bool HasRoom(int ownFrames) const override;
     void WaitForRoom(std::weak_ptr<ServiceConnection> session) override;
     std::string SparePayload() override;
     void PayloadWritten(std::string payload) override;

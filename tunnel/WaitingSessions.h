@@ -9,10 +9,10 @@
 
 namespace nox::tunnel_client {
 
-/// Sessions whose services have something to say while enough frames wait for the server already. They read in turn, as
-/// frames leave: until then it is better kept by the services than in a queue that grows with every session, out of
-/// the processor's cache and ahead of what others say later. Only when the tunnel takes nothing do they read all the
-/// same, each up to its own limit.
+/// Sessions whose services have something to say while frames of others wait for the server already. They read in turn,
+/// each when the queue is empty: until then it is better kept by the services than in a queue that grows with every
+/// session, out of the processor's cache and ahead of what others say later. Only when the tunnel takes nothing do they
+/// read all the same, each up to its own limit.
 ///
 /// Runs on the event loop's thread and must live as long as the loop.
 class WaitingSessions {
@@ -26,7 +26,8 @@ public:
     bool LetOneRead();
     /// The tunnel has taken some bytes.
     void TunnelMoves();
-    /// It has taken none for so long that there is no use in waiting.
+    bool IsEmpty() const { return sessions.empty(); }
+    /// The tunnel has taken nothing for so long that there is no use in waiting.
     bool IsStalled() const { return stalled; }
 
 private:

@@ -25,7 +25,7 @@ struct Owner : SessionOwner {
         calls += "remove " + session + "\n";
         connection.reset();
     }
-    bool HasRoom() const override { return hasRoom; }
+    bool HasRoom(int) const override { return hasRoom; }
     void WaitForRoom(std::weak_ptr<ServiceConnection>) override { ++waits; }
     std::string SparePayload() override { return "whatever"; }
     void PayloadWritten(std::string) override {}

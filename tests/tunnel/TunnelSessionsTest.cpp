@@ -42,10 +42,10 @@ TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
 }
 
 // How many frames wait at most, of three services that have much to say to a server that reads late: as many as one
-// may have, exceeded by the last read of up to four; or, when the tunnel counts as stalled, as many of each.
+// may have; or, when the tunnel counts as stalled, as many of each.
 TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
     const std::string sent = Megabytes(3);
-    const std::pair<std::chrono::milliseconds, int> rows[] = {{1s, 23}, {10ms, 60}};
+    const std::pair<std::chrono::milliseconds, int> rows[] = {{1s, 20}, {10ms, 60}};
     for (const auto& [stall, most] : rows) {
         SCOPED_TRACE(most);
         const lab::Conversation talk = [&](lab::Connection& peer) {
@@ -72,7 +72,7 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
             if (line.find("Inside SendAsync, type 0") != std::string::npos) --waiting;
         }
         EXPECT_LE(reached, most);
-        EXPECT_GE(reached, most - 5) << "the first of them may have left";
+        EXPECT_GE(reached, most - 19) << "what the first of them had may have left, or been all that it read";
         for (const auto& [id, data] : heard.data) EXPECT_TRUE(data == sent) << id;
         EXPECT_EQ(heard.data.size(), 3U);
     }
