@@ -60,7 +60,7 @@ public:
     void Stop();
 
 private:
-    static constexpr int maxReads = 4;             // in one call; more brought nothing
+    static constexpr int maxReads = 8;             // in one call
     static constexpr int resumeAt = 14;            // the gap keeps reading from stuttering at the limit
     static constexpr int maxKernelBytes = 131072;  // of the service, not read yet
 
