@@ -136,24 +136,40 @@ void ServiceConnection::QueueData(std::string payload) {
 }
 
 void ServiceConnection::SendAsync() {
-    if (!failed) WritePayload();
+    if (!failed) WriteQueue();
+}
+
+// Writes on while the service takes it: were each followed by a read from the tunnel, a queue once long would stay so.
+// Now and then the others get their turn.
+void ServiceConnection::WriteQueue() {
+    for (int writes = 0; writes < maxWrites; ++writes) {
+        if (!WritePayload()) return;
+        OnSent();
+        if (failed || serviceQueue.empty()) return;
+    }
+    asio::post(socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
 }
 
 // A payload once begun is written to its end, even if the service has ended its own half meanwhile. While the connect
 // is still under way the write waits behind it, and fails with it. It must not be tried: a socket tells only once why
 // its connect failed.
-void ServiceConnection::WritePayload() {
+// @return whether all of it has been written; otherwise it goes on by itself, or the session ends.
+bool ServiceConnection::WritePayload() {
     const std::string& payload = serviceQueue.front();
     std::error_code error;
     if (!connecting) sentBytes += socket.write_some(asio::buffer(payload) + sentBytes, error);
-    if (error && error != asio::error::would_block) return OnSendError(error);
-    if (sentBytes == payload.size()) return OnSent();
+    if (error && error != asio::error::would_block) {
+        OnSendError(error);
+        return false;
+    }
+    if (sentBytes == payload.size()) return true;
     socket.async_wait(tcp::socket::wait_write, Weakly(&ServiceConnection::OnWritable));
+    return false;
 }
 
 void ServiceConnection::OnWritable(std::error_code error) {
     if (error) return OnSendError(error);
-    WritePayload();
+    WriteQueue();
 }
 
 void ServiceConnection::OnSendError(std::error_code error) {
@@ -176,11 +192,8 @@ void ServiceConnection::OnSent() {
     owner->PayloadWritten(std::move(serviceQueue.front()));
     serviceQueue.pop_front();
     sentBytes = 0;
-    if (serviceQueue.empty()) {
-        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing", id);
-    } else {
-        asio::post(socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
-    }
+    if (!serviceQueue.empty()) return;
+    LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing", id);
 }
 
 // The two delays let data in flight reach the service, and late reports still find the session in the table.

@@ -61,6 +61,7 @@ public:
 
 private:
     static constexpr int maxReads = 8;             // in one call
+    static constexpr int maxWrites = 16;           // of payloads, one after the other
     static constexpr int resumeAt = 14;            // the gap keeps reading from stuttering at the limit
     static constexpr int maxKernelBytes = 131072;  // of the service, not read yet
 
@@ -81,7 +82,8 @@ private:
     void OnReadError(std::error_code error);
     void Upload(std::string_view bytes);
     void SendAsync();
-    void WritePayload();
+    void WriteQueue();
+    bool WritePayload();
     void OnWritable(std::error_code error);
     void OnSendError(std::error_code error);
     void OnSent();

@@ -140,7 +140,7 @@ void TunnelClient::OnHeader(std::error_code error, std::size_t) {
     }
     incoming.type = header.type;
     incoming.session = header.session;
-    if (incoming.data.capacity() < header.length) incoming.data.swap(spareDownload);
+    if (incoming.data.capacity() < header.length) incoming.data = spareDownloads.Take();
     incoming.data.resize(header.length);
     ReadPayload();
 }
@@ -325,8 +325,8 @@ void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     // A service slower than its client can have made us hold megabytes; the allocator would
     // keep them for itself.
     if (!sessions.empty()) return;
-    spareDownload = {};
-    spareUploads = {};
+    spareDownloads.Clear();
+    spareUploads.Clear();
     malloc_trim(0);
 }
 
@@ -339,24 +339,9 @@ void TunnelClient::WaitForRoom(std::weak_ptr<ServiceConnection> session) {
     waitingSessions.Add(std::move(session));
 }
 
-// The next frame's payload goes where this one was. Memory that is new would first have to be found, and filled with
-// zeros.
-void TunnelClient::PayloadWritten(std::string payload) {
-    if (payload.capacity() > spareDownload.capacity()) spareDownload = std::move(payload);
-}
+void TunnelClient::PayloadWritten(std::string payload) { spareDownloads.Keep(std::move(payload)); }
 
-// The last that was sent is still in the processor's cache.
-std::string TunnelClient::SparePayload() {
-    if (spareUploads.empty()) return {};
-    std::string payload = std::move(spareUploads.back());
-    spareUploads.pop_back();
-    return payload;
-}
-
-void TunnelClient::KeepPayload(std::string payload) {
-    const bool isLarge = payload.capacity() >= ServiceConnection::maxReadBytes;
-    if (isLarge && spareUploads.size() < maxSpareUploads) spareUploads.push_back(std::move(payload));
-}
+std::string TunnelClient::SparePayload() { return spareUploads.Take(); }
 
 // ---- Sending
 
@@ -453,7 +438,7 @@ void TunnelClient::FinishFrame() {
              static_cast<int>(FrameBytes(outgoing)));
     if (outgoing.type == dataFrame) {
         ReportUpload(outgoing);
-        KeepPayload(std::move(outgoing.data));
+        spareUploads.Keep(std::move(outgoing.data));
     }
     sendQueue.pop_front();
     if (!sendQueue.empty()) return BeginFrame();

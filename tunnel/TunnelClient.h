@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "core/Configuration.h"
 #include "json/json.h"
@@ -14,6 +13,7 @@
 #include "tunnel/FrameBatch.h"
 #include "tunnel/ServiceConnection.h"
 #include "tunnel/SessionOwner.h"
+#include "tunnel/SparePayloads.h"
 #include "tunnel/TunnelMessage.h"
 #include "tunnel/WaitingSessions.h"
 
@@ -47,7 +47,6 @@ private:
     static constexpr int maxConnections = 3;
     static constexpr std::chrono::seconds glance{1};
     static constexpr int maxUnsentBytes = 16384;  // one frame; see docs/performance.md
-    static constexpr std::size_t maxSpareUploads = 32;
 
     // What became of one call that sends.
     struct Sent {
@@ -111,7 +110,6 @@ private:
     void FinishFrames(std::size_t size);
     void FinishFrame();
     void ReportUpload(const TunnelMessage& outgoing);
-    void KeepPayload(std::string payload);
     void SendHeartbeat();
     void OnHeartbeatTimer(std::error_code error);
 
@@ -133,8 +131,8 @@ private:
     asio::ip::tcp::socket socket{ioContext};
     HeaderBytes headerBuffer{};
     TunnelMessage incoming{dataFrame};                   // the frame being received
-    std::string spareDownload;                           // a payload's memory, to serve again
-    std::vector<std::string> spareUploads;               // the same, the last used first
+    SparePayloads spareDownloads{16};                    // 2 MiB of the largest
+    SparePayloads spareUploads{32};                      // 512 KiB
     std::pmr::unsynchronized_pool_resource queueBlocks;  // a long queue's blocks serve again
     SendQueue sendQueue{&queueBlocks};                   // the front is being written and stays until it is
     std::size_t sentBytes = 0;                           // of the front, header included

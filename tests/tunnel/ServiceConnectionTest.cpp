@@ -73,13 +73,13 @@ protected:
 };
 
 TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
-    lab::ScriptedServer service({[](lab::Connection& peer) {
-        EXPECT_EQ(peer.Read(10), "first next");
+    const std::string sent = "more payloads than one turn writes";
+    lab::ScriptedServer service({[&sent](lab::Connection& peer) {
+        EXPECT_EQ(peer.Read(sent.size()), sent);
         peer.Write("answer");
     }});
     const auto connection = Connect(service.Port());
-    connection->QueueData("first ");  // queued while still connecting
-    connection->QueueData("next");
+    for (const char one : sent) connection->QueueData({one});  // queued while still connecting
     RunToTheEnd();
     EXPECT_EQ(owner.Received(), "answer");
     EXPECT_EQ(owner.frames.at(0).SessionId(), id);
