@@ -16,9 +16,10 @@ public:
     virtual ~SessionOwner() = default;
     /// Bytes read from the local service, as a data frame for the server.
     virtual void QueueMessage(TunnelMessage message) = 0;
-    /// A session of which so many frames wait for the server may read its service at once: no other's wait.
+    /// A session of which so many frames wait for the server may read its service at once: no other's wait,
+    /// or nothing moves anyway.
     virtual bool HasRoom(int ownFrames) const = 0;
-    /// Calls the session's ReadInTurn later, once: when there is room, or nothing moves anyway.
+    /// Calls the session's ReadInTurn later, once: when its turn comes, or nothing moves anyway.
     virtual void WaitForRoom(std::weak_ptr<ServiceConnection> session) = 0;
     /// Memory for a payload that QueueMessage is to be given: an earlier one's, whatever it holds, or an empty string.
     virtual std::string SparePayload() = 0;
