@@ -16,15 +16,16 @@ import forwarders as kinds
 import measures
 import report
 
-# Name, how the forwarder must stand for it, and which forwarders can.
+# Name, how the forwarder must stand for it, which forwarders can, and how many times in a round, with new processes each
+# time: some figures depend on where a process's memory happens to lie.
 MEASURES = {
-    "bulk": ({}, lambda kind: True),
-    "roundtrip": ({}, lambda kind: True),
-    "streams": ({}, lambda kind: kind is not kinds.Direct),
-    "sessions": ({}, lambda kind: True),
-    "memory": ({}, lambda kind: kind is not kinds.Direct),
-    "line": ({"slow": True}, lambda kind: kind.has_uplink),
-    "mallocs": ({"counts_mallocs": True}, lambda kind: kind in (kinds.Agent, kinds.Floor)),
+    "bulk": ({}, lambda kind: True, 3),
+    "roundtrip": ({}, lambda kind: True, 1),
+    "streams": ({}, lambda kind: kind is not kinds.Direct, 1),
+    "sessions": ({}, lambda kind: True, 2),
+    "memory": ({}, lambda kind: kind is not kinds.Direct, 1),
+    "line": ({"slow": True}, lambda kind: kind.has_uplink, 1),
+    "mallocs": ({"counts_mallocs": True}, lambda kind: kind in (kinds.Agent, kinds.Floor), 1),
 }
 
 
@@ -72,24 +73,32 @@ def read_options():
 def one_round(options, folder, port, figures):
     """What a forwarder could not do; the rest is measured all the same."""
     failures = []
-    for measure, (manner, suits) in MEASURES.items():
+    for measure, (_, _, times) in MEASURES.items():
         if measure not in options.only:
             continue
         started = time.monotonic()
-        with contextlib.ExitStack() as ends:
-            steps = {}
-            for name in options.forwarders:
-                if suits(kinds.FORWARDERS[name]):
-                    steps[name] = figures_of(name, measure, manner, options, folder, port)
-                    ends.callback(steps[name].close)
-            for name, result in in_turns(steps):
-                if isinstance(result, Exception):
-                    failures.append(f"{name} {measure}: {result}")
-                    print("  FAILED", failures[-1], flush=True)
-                    continue
-                for figure, value in result.items():
-                    figures[name].setdefault(figure, []).append(value)
+        for _ in range(1 if options.quick else times):
+            failures += one_measure(options, folder, port, figures, measure)
         print(f"  {measure:10} {time.monotonic() - started:5.1f} s", flush=True)
+    return failures
+
+
+def one_measure(options, folder, port, figures, measure):
+    manner, suits, _ = MEASURES[measure]
+    failures = []
+    with contextlib.ExitStack() as ends:
+        steps = {}
+        for name in options.forwarders:
+            if suits(kinds.FORWARDERS[name]):
+                steps[name] = figures_of(name, measure, manner, options, folder, port)
+                ends.callback(steps[name].close)
+        for name, result in in_turns(steps):
+            if isinstance(result, Exception):
+                failures.append(f"{name} {measure}: {result}")
+                print("  FAILED", failures[-1], flush=True)
+                continue
+            for figure, value in result.items():
+                figures[name].setdefault(figure, []).append(value)
     return failures
 
 

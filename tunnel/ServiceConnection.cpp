@@ -12,7 +12,7 @@ using asio::ip::tcp;
 
 ServiceConnection::ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner,
                                      asio::io_context& io, const Delays& fixedDelays)
-    : params(std::move(parameters)), owner(sessionOwner), delays(fixedDelays), socket(io), timer(io) {}
+    : params(std::move(parameters)), owner(sessionOwner), delays(fixedDelays), ioContext(io) {}
 
 void ServiceConnection::Connect() {
     const tcp::endpoint service(asio::ip::make_address(params.localHost),
@@ -25,8 +25,7 @@ void ServiceConnection::Connect() {
     std::error_code ignored;
     socket.set_option(asio::socket_base::receive_buffer_size(maxKernelBytes), ignored);
     if (!error) return socket.async_connect(service, Weakly(&ServiceConnection::OnConnected));
-    asio::post(socket.get_executor(),
-               [report = Weakly(&ServiceConnection::OnConnected), error] { report(error); });
+    asio::post(ioContext, [report = Weakly(&ServiceConnection::OnConnected), error] { report(error); });
 }
 
 void ServiceConnection::OnConnected(std::error_code error) {
@@ -41,7 +40,7 @@ void ServiceConnection::OnConnected(std::error_code error) {
     // option it still works.
     std::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
-    asio::post(socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
+    asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
 }
 
 void ServiceConnection::ListenToService() {
@@ -85,7 +84,7 @@ void ServiceConnection::ReadService() {
         if (begin > 0) LogListening();
         Upload({&buffer[begin], std::min(maxReadBytes, size - begin)});
     }
-    if (!listeningPaused) asio::post(socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
+    if (!listeningPaused) asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
 }
 
 void ServiceConnection::OnReadError(std::error_code error) {
@@ -123,7 +122,7 @@ void ServiceConnection::UploadFinished() {
     --pendingUploads;
     if (!listeningPaused || pendingUploads > resumeAt) return;
     listeningPaused = false;
-    asio::post(socket.get_executor(), Weakly(&ServiceConnection::ListenToService));
+    asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
 }
 
 void ServiceConnection::QueueData(std::string payload) {
@@ -132,7 +131,7 @@ void ServiceConnection::QueueData(std::string payload) {
     if (serviceQueue.size() > 1) return;  // the write under way goes on with the queue
     LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, resume sending to service",
              params.sessionId.c_str());
-    asio::post(socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
+    asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
 }
 
 void ServiceConnection::SendAsync() {
@@ -147,7 +146,7 @@ void ServiceConnection::WriteQueue() {
         OnSent();
         if (failed || serviceQueue.empty()) return;
     }
-    asio::post(socket.get_executor(), Weakly(&ServiceConnection::SendAsync));
+    asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
 }
 
 // A payload once begun is written to its end, even if the service has ended its own half meanwhile. While the connect
@@ -203,7 +202,7 @@ void ServiceConnection::Stop() {
     if (stopFlag) return;
     stopFlag = true;
     // Behind many others its turn might come after its socket has been closed.
-    if (waitsForRoom) asio::post(socket.get_executor(), Weakly(&ServiceConnection::ReadInTurn));
+    if (waitsForRoom) asio::post(ioContext, Weakly(&ServiceConnection::ReadInTurn));
     Wait(delays.sessionClose, &ServiceConnection::OnCloseDelayOver);
 }
 

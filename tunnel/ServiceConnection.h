@@ -98,8 +98,9 @@ private:
     bool stopFlag = false;
     bool failed = false;     // a read or write failed: no further one is started. Independent of stopFlag.
     bool connecting = true;  // until the connect has been answered, well or badly
-    asio::ip::tcp::socket socket;
-    asio::steady_timer timer;              // the shutdown's
+    asio::io_context& ioContext;
+    asio::ip::tcp::socket socket{ioContext};
+    asio::steady_timer timer{ioContext};   // the shutdown's
     std::deque<std::string> serviceQueue;  // the front is being written
     std::size_t sentBytes = 0;             // of the front
     bool hasMore = false;                  // the last read took all it could: no need to wait for the next
