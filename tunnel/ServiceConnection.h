@@ -23,7 +23,7 @@ struct SessionParams {
 ///
 ///   Connect -> OnConnected -> ListenToService -> OnReadable (-> ReadInTurn) -> ReadService -> ListenToService ...
 ///                             (paused by too many uploads, see UploadFinished)
-///              QueueData   -> SendAsync -> WritePayload <-> OnWritable, then OnSent
+///              QueueData   -> SendAsync -> WriteQueue (WritePayload, OnSent, ...) <-> OnWritable
 ///   Stop -> OnCloseDelayOver -> OnRemovalDelayOver           (traffic goes on until the socket is closed)
 ///
 /// Both directions run independently; one read and one write are under way at most. Made with make_shared.
@@ -34,7 +34,7 @@ public:
     static constexpr std::size_t maxReadBytes = 16384;  ///< of the service in one frame
     static constexpr int pauseAbove = 19;               ///< uploads not yet written to the tunnel
 
-    /// @param sessionOwner not owned, outlives the connection
+    /// @param sessionOwner, io not owned, outlive the connection
     ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner, asio::io_context& io,
                       const Delays& fixedDelays = {});
     ServiceConnection(const ServiceConnection&) = delete;
