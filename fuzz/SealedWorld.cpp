@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -118,6 +119,7 @@ using fuzz::world;
 // Every line of the log is put together, and goes nowhere.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::Require(std::freopen("/dev/null", "w", stdout) != nullptr, "a place for the log");
+    std::signal(SIGPIPE, SIG_IGN);  // as in the agent
     return nox::tunnel_client::LogStart(nullptr, nox::tunnel_client::logVerbose, 1);
 }
 
@@ -132,6 +134,12 @@ extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
     const std::size_t piece = world != nullptr ? std::min(size, world->PieceBytes()) : size;
     fuzz::Require(__asan_region_is_poisoned(buffer, size) == nullptr, "a buffer that may be written");
     return syscall(SYS_recvfrom, socket, buffer, piece, flags, nullptr, nullptr);
+}
+
+extern "C" ssize_t splice(int from, off64_t* start, int to, off64_t* place, std::size_t size,
+                          unsigned flags) {
+    const std::size_t piece = world != nullptr ? std::min(size, world->PieceBytes()) : size;
+    return syscall(SYS_splice, from, start, to, place, piece, flags);
 }
 
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {

@@ -134,6 +134,14 @@ void ServiceConnection::QueueData(std::string payload) {
     asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
 }
 
+// What the pipe holds cannot wait there for its turn, for the next frame needs the pipe. So the service gets it now; all
+// that follows from it comes with its turn.
+void ServiceConnection::QueueData(std::string payload, PayloadPipe& pipe) {
+    if (CanWrite()) sentBytes = pipe.WriteTo(socket.native_handle(), earlyError);
+    pipe.CopyTo(&payload[payload.size() - pipe.Size()]);
+    QueueData(std::move(payload));
+}
+
 void ServiceConnection::SendAsync() {
     if (!failed) WriteQueue();
 }
@@ -155,8 +163,8 @@ void ServiceConnection::WriteQueue() {
 // @return whether all of it has been written; otherwise it goes on by itself, or the session ends.
 bool ServiceConnection::WritePayload() {
     const std::string& payload = serviceQueue.front();
-    std::error_code error;
-    if (!connecting) sentBytes += socket.write_some(asio::buffer(payload) + sentBytes, error);
+    std::error_code error = std::exchange(earlyError, {});
+    if (!connecting && !error) sentBytes += socket.write_some(asio::buffer(payload) + sentBytes, error);
     if (error && error != asio::error::would_block) {
         OnSendError(error);
         return false;

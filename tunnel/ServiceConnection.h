@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "tunnel/Delays.h"
+#include "tunnel/PayloadPipe.h"
 #include "tunnel/SessionOwner.h"
 
 namespace nox::tunnel_client {
@@ -49,6 +50,13 @@ public:
     /// Bytes for the service, written in the order of the calls. Not bounded: the tunnel has no way to slow
     /// the server down for one session. Dropped without a word once the connection has failed.
     void QueueData(std::string payload);
+
+    /// The same for a payload whose last bytes, as many as the pipe holds, are not in its memory yet. The pipe is
+    /// empty afterwards.
+    void QueueData(std::string payload, PayloadPipe& pipe);
+
+    /// What a pipe brings now would be written from it, without a copy.
+    bool CanWrite() const { return !connecting && !failed && serviceQueue.empty(); }
 
     /// The read that it asked the owner for with WaitForRoom; nothing if that has been done meanwhile.
     void ReadInTurn();
@@ -103,6 +111,7 @@ private:
     asio::steady_timer timer{ioContext};   // the shutdown's
     std::deque<std::string> serviceQueue;  // the front is being written
     std::size_t sentBytes = 0;             // of the front
+    std::error_code earlyError;            // of writing it before its turn, told when that comes
     bool hasMore = false;                  // the last read took all it could: no need to wait for the next
     bool waitsForRoom = false;             // in the tunnel's queue
     bool listeningPaused = false;

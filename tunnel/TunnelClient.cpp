@@ -142,13 +142,36 @@ void TunnelClient::OnHeader(std::error_code error, std::size_t) {
     incoming.session = header.session;
     if (incoming.data.capacity() < header.length) incoming.data = spareDownloads.Take();
     incoming.data.resize(header.length);
-    ReadPayload();
+    SuitsPipe() ? FillPipe({}) : ReadPayload();
 }
 
-// Most often all of it is there already.
+// Large, and for a service that has taken all that came before. Else it would be copied in the end, and later.
+bool TunnelClient::SuitsPipe() const {
+    if (incoming.type != dataFrame || incoming.data.size() < PayloadPipe::minBytes) return false;
+    const auto session = sessions.find(incoming.SessionId());
+    return session != sessions.end() && session->second->CanWrite();
+}
+
+// Until it holds the whole payload. If it takes nothing although there is something it is full, for it counts packets
+// more than bytes.
+void TunnelClient::FillPipe(std::error_code error) {
+    const std::size_t before = pipe.Size();
+    if (!error) pipe.TakeFrom(socket.native_handle(), incoming.data.size() - before, error);
+    const std::size_t size = pipe.Size();
+    if (size == incoming.data.size()) return OnPayload({}, size);
+    if (size > before) return socket.async_wait(tcp::socket::wait_read, Handler(&TunnelClient::FillPipe));
+    pipe.CopyTo(incoming.data.data());
+    ReadRest(size, error);
+}
+
 void TunnelClient::ReadPayload() {
     std::error_code error;
     const std::size_t size = socket.read_some(asio::buffer(incoming.data), error);
+    ReadRest(size, error);
+}
+
+// Most often there is none.
+void TunnelClient::ReadRest(std::size_t size, std::error_code error) {
     if (error && error != asio::error::would_block) return OnPayload(error, size);
     if (size == incoming.data.size()) return OnPayload({}, size);
     asio::async_read(
@@ -187,7 +210,8 @@ void TunnelClient::HandleMessage() {
 void TunnelClient::HandleData() {
     if (incoming.data.empty()) return;
     const auto session = sessions.find(incoming.SessionId());
-    if (session != sessions.end()) return session->second->QueueData(std::move(incoming.data));
+    if (session != sessions.end()) return session->second->QueueData(std::move(incoming.data), pipe);
+    pipe.CopyTo(incoming.data.data());  // the session ended while the payload came
     LogWrite("TunnelClient", 224, logError, "Received data for unknown session %s",
              std::string(incoming.SessionId()).c_str());
 }

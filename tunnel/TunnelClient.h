@@ -11,6 +11,7 @@
 #include "json/json.h"
 #include "tunnel/Delays.h"
 #include "tunnel/FrameBatch.h"
+#include "tunnel/PayloadPipe.h"
 #include "tunnel/ServiceConnection.h"
 #include "tunnel/SessionOwner.h"
 #include "tunnel/SparePayloads.h"
@@ -21,8 +22,9 @@ namespace nox::tunnel_client {
 
 /// The agent's end of the tunnel: one connection to the tunnel server at a time, and the sessions it carries.
 ///
-///   Run -> Connect -> OnResolved -> OnConnected -> ListenToTunnelServer -> OnHeader -> OnPayload -> HandleMessage
-///              |                                          ^---------------------------------------------'
+///   Run -> Connect -> OnResolved -> OnConnected -> ListenToTunnelServer -> OnHeader -> ReadPayload -> OnPayload
+///              |                                          ^---------------- HandleMessage <---------------'
+///              |      (FillPipe: the way of a large payload whose service can take it, instead of ReadPayload)
 ///              |-- QueueMessage -> SendAsync -> OnSent <-> WaitForSocket      (frames leave in order)
 ///              |-- SendHeartbeat <-> OnHeartbeatTimer         (once a good signature has arrived)
 ///              '-- Stop -> OnCloseDelayOver                   (then nothing is left to do, and Run goes on)
@@ -31,7 +33,7 @@ namespace nox::tunnel_client {
 /// the call that queues it: that is posted to the event loop.
 class TunnelClient : private SessionOwner {
 public:
-    /// Opens nothing.
+    /// Opens no connection.
     explicit TunnelClient(const TunnelConfig& tunnelConfig, const Delays& fixedDelays = {});
     TunnelClient(const TunnelClient&) = delete;
     TunnelClient& operator=(const TunnelClient&) = delete;
@@ -73,7 +75,10 @@ private:
     // Receiving
     void ListenToTunnelServer();
     void OnHeader(std::error_code error, std::size_t);
+    bool SuitsPipe() const;
+    void FillPipe(std::error_code error);
     void ReadPayload();
+    void ReadRest(std::size_t size, std::error_code error);
     void OnPayload(std::error_code error, std::size_t size);
     void HandleMessage();
     void HandleData();
@@ -131,6 +136,7 @@ private:
     asio::ip::tcp::socket socket{ioContext};
     HeaderBytes headerBuffer{};
     TunnelMessage incoming{dataFrame};                   // the frame being received
+    PayloadPipe pipe;                                    // of the incoming frame
     SparePayloads spareDownloads{16};                    // 2 MiB of the largest
     SparePayloads spareUploads{32};                      // 512 KiB
     std::pmr::unsynchronized_pool_resource queueBlocks;  // a long queue's blocks serve again

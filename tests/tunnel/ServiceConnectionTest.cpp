@@ -67,6 +67,19 @@ protected:
         EXPECT_TRUE(io.stopped()) << "work is left";
     }
 
+    void BringInPipe(ServiceConnection& connection) {
+        asio::local::stream_protocol::socket tunnel(io), server(io);
+        asio::local::connect_pair(tunnel, server);
+        const std::string payload(5000, 'p');
+        asio::write(server, asio::buffer(payload));
+        PayloadPipe pipe;
+        std::error_code error;
+        pipe.TakeFrom(tunnel.native_handle(), payload.size(), error);
+        EXPECT_EQ(pipe.Size(), payload.size()) << error.message();
+        connection.QueueData(payload, pipe);
+        EXPECT_EQ(pipe.Size(), 0U);
+    }
+
     support::LogCapture log;
     asio::io_context io;
     Owner owner;
@@ -197,6 +210,36 @@ TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
     EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
     EXPECT_EQ(errors.Texts(), std::vector<std::string>{"ServiceConnection::SendAsync, session " + id +
                                                        ": (104) Connection reset by peer"});
+}
+
+// It is tried at once, and its failure is told in its turn.
+TEST_F(ServiceConnectionTest, ReportsAWriteFromThePipeThatFails) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Write(std::string(327680, 's'));
+        peer.Read(1);
+        peer.Reset();
+    }});
+    const auto connection = Connect(service.Port());
+    RunUntil([&] { return owner.frames.size() == 20; });
+    connection->QueueData("1");
+    RunUntil([&] { return log.Count("Session " + id + ", nothing to send, pausing") == 1; });
+    service.Finish();
+    BringInPipe(*connection);
+    EXPECT_EQ(owner.calls, "");
+    RunToTheEnd();
+    EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
+    EXPECT_EQ(log.Count("ServiceConnection::SendAsync, session " + id + ": (104) Connection reset by peer"),
+              1U);
+}
+
+// Trying it would take the reason from the connect.
+TEST_F(ServiceConnectionTest, WritesNothingFromThePipeWhileItConnects) {
+    const auto connection = Connect(lab::ScriptedServer({}).Port());
+    BringInPipe(*connection);
+    RunToTheEnd();
+    EXPECT_EQ(log.Count("ServiceConnection::Connect: (111) Connection refused"), 1U);
+    EXPECT_EQ(log.Count("SendAsync error with stopFlag, session " + id), 1U);
+    EXPECT_EQ(owner.calls, "failed " + id + "\nremove " + id + "\n");
 }
 
 // The read that waits already is still answered, and relayed behind the word that the session has ended. No other is.

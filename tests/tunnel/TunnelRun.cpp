@@ -1,6 +1,7 @@
 #include "tests/tunnel/TunnelRun.h"
 
 #include <algorithm>
+#include <csignal>
 #include <utility>
 
 #include "tests/support/LogCapture.h"
@@ -9,6 +10,9 @@ namespace support {
 
 using namespace nox::tunnel_client;
 using namespace std::chrono_literals;
+
+// As in the agent.
+const auto pipeSignal = std::signal(SIGPIPE, SIG_IGN);
 
 TunnelConfig QuickConfig(unsigned short port) {
     TunnelConfig config;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <future>
 #include <map>
 #include <set>
 #include <tuple>
@@ -40,6 +41,80 @@ TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
     };
     EXPECT_THAT(RunTunnel({late}, logDebug), Contains(testing::HasSubstr("pausing listening to service")));
     EXPECT_TRUE(received == sent);
+}
+
+// Whole, or in more pieces than the pipe has room for; to a service that keeps up, and to one that takes nothing yet.
+TEST(TunnelSessionsTest, DeliverPayloadsHoweverTheyArrive) {
+    std::vector<std::pair<std::size_t, std::size_t>> frames;  // payload, and piece
+    for (int round = 0; round < 2; ++round) {
+        frames.insert(frames.end(), {{131072, 200}, {131072, 50000}, {4096, 4117}, {4095, 1000}, {1, 22}});
+        frames.resize(frames.size() + 60, {131072, 131093});
+    }
+    std::string sent, received;
+    Lines expected;
+    std::promise<void> allSent;
+    lab::ScriptedServer service({[&](lab::Connection& peer) {
+        allSent.get_future().wait();
+        received = peer.Read(sent.size());
+    }});
+    const auto serve = [&](lab::Connection& agent) {
+        Accept(agent);
+        NewSession(agent, service.Port());
+        for (const auto& [size, piece] : frames) {
+            std::string payload;
+            while (payload.size() < size) payload += "#" + std::to_string(sent.size() + payload.size());
+            payload.resize(size);
+            const auto header = lab::EncodeHeader(lab::dataFrame, size, sessionId);
+            const std::string bytes = std::string(header.begin(), header.end()) + payload;
+            for (std::size_t at = 0; at < bytes.size(); at += piece) agent.Write(bytes.substr(at, piece));
+            sent += payload;
+            expected.push_back("Session " + sessionId + ", sent " + std::to_string(size) +
+                               " bytes to service");
+        }
+        allSent.set_value();
+        service.Finish();
+        HangUp(agent);
+    };
+    Lines told;
+    for (const auto& line : RunTunnel({serve}, logVerbose))
+        if (line.find(", sent ") != std::string::npos) told.push_back(line.substr(line.find("] ") + 2));
+    EXPECT_EQ(told, expected);
+    EXPECT_TRUE(received == sent);
+}
+
+// Its session is removed while half of it is there, or its tunnel ends.
+TEST(TunnelSessionsTest, LeaveNothingOfALostPayloadToTheNext) {
+    const std::string whole(100000, 'w'), next = "session-00000002";
+    const auto lost = [](const std::string& id) {
+        const auto header = lab::EncodeHeader(lab::dataFrame, 100000, id);
+        return std::string(header.begin(), header.end()) + std::string(50000, 'l');
+    };
+    lab::ScriptedServer brief({[](lab::Connection&) { std::this_thread::sleep_for(50ms); }});
+    const auto receive = [&](lab::Connection& peer) { EXPECT_TRUE(peer.ReadToEnd() == whole); };
+    lab::ScriptedServer service({receive, receive});
+    const auto losing = [&](lab::Connection& agent) {
+        Accept(agent);
+        NewSession(agent, brief.Port());
+        agent.Write(lost(sessionId));
+        Listen(agent, 1);
+        std::this_thread::sleep_for(300ms);
+        agent.Write(std::string(50000, 'l'));
+        NewSession(agent, service.Port(), next);
+        lab::WriteFrame(agent, {lab::dataFrame, next, whole});
+        agent.Write(lost(next));
+        HangUp(agent);
+    };
+    const auto serve = [&](lab::Connection& agent) {
+        Accept(agent);
+        NewSession(agent, service.Port());
+        lab::WriteFrame(agent, {lab::dataFrame, sessionId, whole});
+        HangUp(agent);
+    };
+    const Lines log = RunTunnel({losing, serve});
+    EXPECT_THAT(log, Contains("[TunnelClient:224] Received data for unknown session " + sessionId).Times(1));
+    EXPECT_THAT(log,
+                Contains("[TunnelClient:193] ListenToTunnelServer - read data: (2) End of file").Times(1));
+    service.Finish();
 }
 
 // How many frames wait at most, of three services that have much to say to a server that reads late: at least a turn's
