@@ -7,6 +7,7 @@
 #include <array>
 #include <asio/error.hpp>
 #include <cerrno>
+#include <utility>
 
 namespace nox::tunnel_client {
 
@@ -17,22 +18,21 @@ constexpr int capacity = 128 * 4096;
 
 std::error_code LastError() { return {errno, asio::error::get_system_category()}; }
 
+// No pipe, no leave to splice, or no socket any more: that is not the connection's, and an ordinary call finds out.
+bool IsOurs(const std::error_code& error) {
+    constexpr std::array reasons{EBADF, EINVAL, ENOSYS, EPERM};
+    return std::find(reasons.begin(), reasons.end(), error.value()) != reasons.end();
+}
+
 std::size_t Splice(int from, int to, std::size_t most, std::error_code& error) {
     const ssize_t size = splice(from, nullptr, to, nullptr, most, SPLICE_F_NONBLOCK);
-    if (size < 0) error = LastError();
-    if (size == 0) error = asio::error::eof;
-    return size > 0 ? static_cast<std::size_t>(size) : 0;
+    if (size > 0) return static_cast<std::size_t>(size);
+    error = size == 0 ? std::error_code(asio::error::eof) : LastError();
+    if (IsOurs(error)) error = asio::error::would_block;
+    return 0;
 }
 
 }  // namespace
-
-PayloadPipe::PayloadPipe() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) return;
-    readEnd = ends[0];
-    writeEnd = ends[1];
-    fcntl(writeEnd, F_SETPIPE_SZ, capacity);  // if that is too much to ask, it is full earlier
-}
 
 PayloadPipe::~PayloadPipe() {
     if (readEnd < 0) return;
@@ -40,12 +40,26 @@ PayloadPipe::~PayloadPipe() {
     close(writeEnd);
 }
 
+PayloadPipe::PayloadPipe(PayloadPipe&& other) noexcept { *this = std::move(other); }
+
+PayloadPipe& PayloadPipe::operator=(PayloadPipe&& other) noexcept {
+    std::swap(readEnd, other.readEnd);
+    std::swap(writeEnd, other.writeEnd);
+    std::swap(held, other.held);
+    return *this;
+}
+
+void PayloadPipe::Open() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) return;
+    readEnd = ends[0];
+    writeEnd = ends[1];
+    fcntl(writeEnd, F_SETPIPE_SZ, capacity);  // if that is too much to ask, it is full earlier
+}
+
 void PayloadPipe::TakeFrom(int socket, std::size_t most, std::error_code& error) {
+    if (readEnd < 0) Open();
     held += Splice(socket, writeEnd, most, error);
-    // There is no pipe, or no splice for us: whoever reads the socket itself fares better.
-    constexpr std::array reasons{EBADF, EINVAL, ENOSYS, EPERM};
-    if (std::find(reasons.begin(), reasons.end(), error.value()) != reasons.end())
-        error = asio::error::would_block;
 }
 
 std::size_t PayloadPipe::WriteTo(int socket, std::error_code& error) {

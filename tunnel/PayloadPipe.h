@@ -6,18 +6,19 @@
 namespace nox::tunnel_client {
 
 /// One payload on its way from socket to socket without a copy in our memory: the kernel hands its pages on through a
-/// pipe, see splice(2). It holds something only from a frame's first byte until the frame is handed over. Without a
-/// pipe, for want of descriptors, it takes nothing. Runs on the event loop's thread.
+/// pipe, see splice(2). Whoever has the object has what it holds; it opens when it is first needed. Without a pipe, for
+/// want of descriptors or of leave to use it, nothing goes through it and all has to be copied: that is no error.
+/// Runs on the event loop's thread.
 ///
 /// Writing to a socket that is closed raises SIGPIPE, which splice cannot be told not to do: the process ignores it.
 class PayloadPipe {
 public:
     static constexpr std::size_t minBytes = 4096;  ///< what is shorter costs less when it is copied
 
-    PayloadPipe();
+    PayloadPipe() = default;
     ~PayloadPipe();
-    PayloadPipe(const PayloadPipe&) = delete;
-    PayloadPipe& operator=(const PayloadPipe&) = delete;
+    PayloadPipe(PayloadPipe&& other) noexcept;             ///< leaves the other closed
+    PayloadPipe& operator=(PayloadPipe&& other) noexcept;  ///< leaves the other what this one had
 
     /// Bytes that it holds.
     std::size_t Size() const { return held; }
@@ -38,6 +39,8 @@ public:
     void CopyTo(char* begin);
 
 private:
+    void Open();
+
     int readEnd = -1;
     int writeEnd = -1;
     std::size_t held = 0;

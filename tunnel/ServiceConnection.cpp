@@ -134,11 +134,8 @@ void ServiceConnection::QueueData(std::string payload) {
     asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
 }
 
-// What the pipe holds cannot wait there for its turn, for the next frame needs the pipe. So the service gets it now; all
-// that follows from it comes with its turn.
-void ServiceConnection::QueueData(std::string payload, PayloadPipe& pipe) {
-    if (CanWrite()) sentBytes = pipe.WriteTo(socket.native_handle(), earlyError);
-    pipe.CopyTo(&payload[payload.size() - pipe.Size()]);
+void ServiceConnection::QueueData(std::string payload, PayloadPipe filled) {
+    pipe = std::move(filled);
     QueueData(std::move(payload));
 }
 
@@ -163,8 +160,12 @@ void ServiceConnection::WriteQueue() {
 // @return whether all of it has been written; otherwise it goes on by itself, or the session ends.
 bool ServiceConnection::WritePayload() {
     const std::string& payload = serviceQueue.front();
-    std::error_code error = std::exchange(earlyError, {});
-    if (!connecting && !error) sentBytes += socket.write_some(asio::buffer(payload) + sentBytes, error);
+    std::error_code error;
+    if (pipe.Size() > 0) {
+        WriteFromPipe(error);
+    } else if (!connecting) {
+        sentBytes += socket.write_some(asio::buffer(payload) + sentBytes, error);
+    }
     if (error && error != asio::error::would_block) {
         OnSendError(error);
         return false;
@@ -172,6 +173,13 @@ bool ServiceConnection::WritePayload() {
     if (sentBytes == payload.size()) return true;
     socket.async_wait(tcp::socket::wait_write, Weakly(&ServiceConnection::OnWritable));
     return false;
+}
+
+// What the service does not take at once goes on from memory, and the pipe serves the next frame.
+void ServiceConnection::WriteFromPipe(std::error_code& error) {
+    sentBytes = pipe.WriteTo(socket.native_handle(), error);
+    pipe.CopyTo(&serviceQueue.front()[sentBytes]);
+    owner->PipeEmptied(std::move(pipe));
 }
 
 void ServiceConnection::OnWritable(std::error_code error) {

@@ -51,11 +51,11 @@ public:
     /// the server down for one session. Dropped without a word once the connection has failed.
     void QueueData(std::string payload);
 
-    /// The same for a payload whose last bytes, as many as the pipe holds, are not in its memory yet. The pipe is
-    /// empty afterwards.
-    void QueueData(std::string payload, PayloadPipe& pipe);
+    /// The same for a payload that is in a pipe, while the connection CanWrite.
+    /// @param payload as long as what the pipe holds, whatever it says
+    void QueueData(std::string payload, PayloadPipe filled);
 
-    /// What a pipe brings now would be written from it, without a copy.
+    /// Nothing is left to be written, and what comes could be.
     bool CanWrite() const { return !connecting && !failed && serviceQueue.empty(); }
 
     /// The read that it asked the owner for with WaitForRoom; nothing if that has been done meanwhile.
@@ -92,6 +92,7 @@ private:
     void SendAsync();
     void WriteQueue();
     bool WritePayload();
+    void WriteFromPipe(std::error_code& error);
     void OnWritable(std::error_code error);
     void OnSendError(std::error_code error);
     void OnSent();
@@ -110,8 +111,8 @@ private:
     asio::ip::tcp::socket socket{ioContext};
     asio::steady_timer timer{ioContext};   // the shutdown's
     std::deque<std::string> serviceQueue;  // the front is being written
+    PayloadPipe pipe;                      // what it holds is the front's
     std::size_t sentBytes = 0;             // of the front
-    std::error_code earlyError;            // of writing it before its turn, told when that comes
     bool hasMore = false;                  // the last read took all it could: no need to wait for the next
     bool waitsForRoom = false;             // in the tunnel's queue
     bool listeningPaused = false;

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "tunnel/PayloadPipe.h"
 #include "tunnel/TunnelMessage.h"
 
 namespace nox::tunnel_client {
@@ -25,6 +26,8 @@ public:
     virtual std::string SparePayload() = 0;
     /// A payload has been written to the service; its memory may serve another.
     virtual void PayloadWritten(std::string payload) = 0;
+    /// The pipe that brought a payload is empty and may serve another.
+    virtual void PipeEmptied(PayloadPipe pipe) = 0;
     /// The connection to the local service could not be made.
     virtual void ServiceConnectionFailed(const std::string& sessionId) = 0;
     /// An established connection failed while reading or writing.

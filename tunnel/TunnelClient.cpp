@@ -142,7 +142,7 @@ void TunnelClient::OnHeader(std::error_code error, std::size_t) {
     incoming.session = header.session;
     if (incoming.data.capacity() < header.length) incoming.data = spareDownloads.Take();
     incoming.data.resize(header.length);
-    SuitsPipe() ? FillPipe({}) : ReadPayload();
+    SuitsPipe() ? FillPipe({}, 0) : ReadPayload();
 }
 
 // Large, and for a service that has taken all that came before. Else it would be copied in the end, and later.
@@ -152,14 +152,18 @@ bool TunnelClient::SuitsPipe() const {
     return session != sessions.end() && session->second->CanWrite();
 }
 
-// Until it holds the whole payload. If it takes nothing although there is something it is full, for it counts packets
-// more than bytes.
-void TunnelClient::FillPipe(std::error_code error) {
+// Until it holds the whole payload. If it takes nothing, nothing has come yet or it is full, for it counts packets more
+// than bytes: then the rest is read. It waits with a look at the next byte and not for the descriptor, so that of a
+// reset it is the reading side that learns the reason, as it does in any other wait.
+void TunnelClient::FillPipe(std::error_code error, std::size_t) {
     const std::size_t before = pipe.Size();
     if (!error) pipe.TakeFrom(socket.native_handle(), incoming.data.size() - before, error);
     const std::size_t size = pipe.Size();
     if (size == incoming.data.size()) return OnPayload({}, size);
-    if (size > before) return socket.async_wait(tcp::socket::wait_read, Handler(&TunnelClient::FillPipe));
+    if (size > before) {
+        return socket.async_receive(asio::buffer(headerBuffer, 1), tcp::socket::message_peek,
+                                    Handler(&TunnelClient::FillPipe));
+    }
     pipe.CopyTo(incoming.data.data());
     ReadRest(size, error);
 }
@@ -210,8 +214,10 @@ void TunnelClient::HandleMessage() {
 void TunnelClient::HandleData() {
     if (incoming.data.empty()) return;
     const auto session = sessions.find(incoming.SessionId());
-    if (session != sessions.end()) return session->second->QueueData(std::move(incoming.data), pipe);
-    pipe.CopyTo(incoming.data.data());  // the session ended while the payload came
+    if (pipe.Size() > 0 && session != sessions.end() && session->second->CanWrite())
+        return session->second->QueueData(std::move(incoming.data), std::move(pipe));
+    pipe.CopyTo(incoming.data.data());  // the session failed or ended while the payload came
+    if (session != sessions.end()) return session->second->QueueData(std::move(incoming.data));
     LogWrite("TunnelClient", 224, logError, "Received data for unknown session %s",
              std::string(incoming.SessionId()).c_str());
 }
@@ -364,6 +370,10 @@ void TunnelClient::WaitForRoom(std::weak_ptr<ServiceConnection> session) {
 }
 
 void TunnelClient::PayloadWritten(std::string payload) { spareDownloads.Keep(std::move(payload)); }
+
+void TunnelClient::PipeEmptied(PayloadPipe emptied) {
+    if (pipe.Size() == 0) pipe = std::move(emptied);
+}
 
 std::string TunnelClient::SparePayload() { return spareUploads.Take(); }
 

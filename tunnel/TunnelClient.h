@@ -76,7 +76,7 @@ private:
     void ListenToTunnelServer();
     void OnHeader(std::error_code error, std::size_t);
     bool SuitsPipe() const;
-    void FillPipe(std::error_code error);
+    void FillPipe(std::error_code error, std::size_t);
     void ReadPayload();
     void ReadRest(std::size_t size, std::error_code error);
     void OnPayload(std::error_code error, std::size_t size);
@@ -99,6 +99,7 @@ private:
     void WaitForRoom(std::weak_ptr<ServiceConnection> session) override;
     std::string SparePayload() override;
     void PayloadWritten(std::string payload) override;
+    void PipeEmptied(PayloadPipe emptied) override;
 
     // Sending
     std::string BuildVerifyMessage() const;
@@ -136,7 +137,7 @@ private:
     asio::ip::tcp::socket socket{ioContext};
     HeaderBytes headerBuffer{};
     TunnelMessage incoming{dataFrame};                   // the frame being received
-    PayloadPipe pipe;                                    // of the incoming frame
+    PayloadPipe pipe;                                    // the incoming payload's, if it is not in `incoming`
     SparePayloads spareDownloads{16};                    // 2 MiB of the largest
     SparePayloads spareUploads{32};                      // 512 KiB
     std::pmr::unsynchronized_pool_resource queueBlocks;  // a long queue's blocks serve again

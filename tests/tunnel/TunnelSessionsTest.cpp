@@ -54,7 +54,7 @@ TEST(TunnelSessionsTest, DeliverPayloadsHoweverTheyArrive) {
     Lines expected;
     std::promise<void> allSent;
     lab::ScriptedServer service({[&](lab::Connection& peer) {
-        allSent.get_future().wait();
+        allSent.get_future().wait_for(20s);
         received = peer.Read(sent.size());
     }});
     const auto serve = [&](lab::Connection& agent) {
@@ -82,26 +82,32 @@ TEST(TunnelSessionsTest, DeliverPayloadsHoweverTheyArrive) {
     EXPECT_TRUE(received == sent);
 }
 
+/// A data frame that is cut off after half of its payload.
+std::string HalfAFrame(const std::string& id) {
+    const auto header = lab::EncodeHeader(lab::dataFrame, 100000, id);
+    return std::string(header.begin(), header.end()) + std::string(50000, 'l');
+}
+
 // Its session is removed while half of it is there, or its tunnel ends.
 TEST(TunnelSessionsTest, LeaveNothingOfALostPayloadToTheNext) {
     const std::string whole(100000, 'w'), next = "session-00000002";
-    const auto lost = [](const std::string& id) {
-        const auto header = lab::EncodeHeader(lab::dataFrame, 100000, id);
-        return std::string(header.begin(), header.end()) + std::string(50000, 'l');
-    };
-    lab::ScriptedServer brief({[](lab::Connection&) { std::this_thread::sleep_for(50ms); }});
+    lab::ScriptedServer brief({[](lab::Connection& peer) {
+        peer.Write("open");
+        std::this_thread::sleep_for(100ms);
+    }});
     const auto receive = [&](lab::Connection& peer) { EXPECT_TRUE(peer.ReadToEnd() == whole); };
     lab::ScriptedServer service({receive, receive});
     const auto losing = [&](lab::Connection& agent) {
         Accept(agent);
         NewSession(agent, brief.Port());
-        agent.Write(lost(sessionId));
+        while (lab::ReadFrame(agent).type != lab::dataFrame) continue;
+        agent.Write(HalfAFrame(sessionId));
         Listen(agent, 1);
-        std::this_thread::sleep_for(300ms);
+        std::this_thread::sleep_for(1s);  // until it is removed
         agent.Write(std::string(50000, 'l'));
         NewSession(agent, service.Port(), next);
         lab::WriteFrame(agent, {lab::dataFrame, next, whole});
-        agent.Write(lost(next));
+        agent.Write(HalfAFrame(next));
         HangUp(agent);
     };
     const auto serve = [&](lab::Connection& agent) {
@@ -281,7 +287,8 @@ TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
     EXPECT_THAT(log, Not(Contains(StartsWith("[TunnelClient:366]"))));
 }
 
-// Once a write has failed nothing more is written: the end of the session stays in the queue.
+// Once a write has failed nothing more is written: the end of the session stays in the queue. Half a payload has come:
+// the reading side learns the reason.
 TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
     lab::ScriptedServer service({[](lab::Connection& peer) {
         peer.Write(Megabytes(30));
@@ -291,6 +298,8 @@ TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
         Accept(agent);
         NewSession(agent, service.Port());
         agent.Read(1000000);
+        agent.Write(HalfAFrame(sessionId));
+        std::this_thread::sleep_for(100ms);
         agent.Reset();
     };
     const auto log = RunTunnel({serve}, logVerbose);
@@ -299,6 +308,8 @@ TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
     });
     ASSERT_NE(failed, log.end());
     EXPECT_THAT(Lines(failed, log.end()), Not(Contains(StartsWith("[TunnelClient:392]"))));
+    EXPECT_THAT(
+        log, Contains("[TunnelClient:193] ListenToTunnelServer - read data: (104) Connection reset by peer"));
     EXPECT_THAT(log, Contains(removed).Times(1));
 }
 
