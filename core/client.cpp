@@ -24,7 +24,8 @@ int main(int argc, char* argv[]) {
     }
 
     // A log that cannot be written must not end the agent, be it that whoever reads it through a pipe hung up or
-    // that a limit on the size of files was reached. And a service that hangs up costs its session only, see PayloadPipe.
+    // that a limit on the size of files was reached. And a service that hangs up costs its session only, see
+    // PayloadPipe.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     // Our delays are whole seconds. Those that end within the same moment, as of many sessions, cost one wake-up.

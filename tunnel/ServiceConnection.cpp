@@ -140,7 +140,8 @@ void ServiceConnection::QueueData(std::string payload, PayloadPipe filled) {
 }
 
 void ServiceConnection::SendAsync() {
-    if (!failed) WriteQueue();
+    if (!failed) return WriteQueue();
+    pipe = PayloadPipe();  // its descriptors may be wanted
 }
 
 // Writes on while the service takes it: were each followed by a read from the tunnel, a queue once long would stay so.

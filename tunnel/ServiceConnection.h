@@ -56,7 +56,7 @@ public:
     void QueueData(std::string payload, PayloadPipe filled);
 
     /// Nothing is left to be written, and what comes could be.
-    bool CanWrite() const { return !connecting && !failed && serviceQueue.empty(); }
+    bool CanWrite() const { return !connecting && !failed && socket.is_open() && serviceQueue.empty(); }
 
     /// The read that it asked the owner for with WaitForRoom; nothing if that has been done meanwhile.
     void ReadInTurn();

@@ -33,7 +33,7 @@ namespace nox::tunnel_client {
 /// the call that queues it: that is posted to the event loop.
 class TunnelClient : private SessionOwner {
 public:
-    /// Opens no connection.
+    /// Opens nothing.
     explicit TunnelClient(const TunnelConfig& tunnelConfig, const Delays& fixedDelays = {});
     TunnelClient(const TunnelClient&) = delete;
     TunnelClient& operator=(const TunnelClient&) = delete;

@@ -54,7 +54,7 @@ TEST(TunnelSessionsTest, DeliverPayloadsHoweverTheyArrive) {
     Lines expected;
     std::promise<void> allSent;
     lab::ScriptedServer service({[&](lab::Connection& peer) {
-        allSent.get_future().wait_for(20s);
+        ASSERT_EQ(allSent.get_future().wait_for(20s), std::future_status::ready);
         received = peer.Read(sent.size());
     }});
     const auto serve = [&](lab::Connection& agent) {
@@ -299,7 +299,11 @@ TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
         NewSession(agent, service.Port());
         agent.Read(1000000);
         agent.Write(HalfAFrame(sessionId));
-        std::this_thread::sleep_for(100ms);
+        std::size_t before = 0;
+        do {  // until the agent cannot send any more
+            before = agent.Socket().available();
+            std::this_thread::sleep_for(200ms);
+        } while (agent.Socket().available() != before);
         agent.Reset();
     };
     const auto log = RunTunnel({serve}, logVerbose);
