@@ -123,14 +123,16 @@ TEST_F(AgentWithLabTest, ClosesTheClientOfAServiceThatIsNotThere) {
 }
 
 TEST_F(AgentWithLabTest, LeavesNothingBehindOfSessionsThatEnded) {
-    std::vector<lab::Conversation> echoes(30, [](lab::Connection& peer) { peer.Write(peer.Read(1)); });
+    const std::string large(100000, 'x');
+    std::vector<lab::Conversation> echoes(
+        30, [&](lab::Connection& peer) { peer.Write(peer.Read(large.size())); });
     lab::ScriptedServer service(echoes);
     Start({service.Port()});
     const std::size_t descriptors = agent->Descriptors();
     for (std::size_t i = 0; i < echoes.size(); ++i) {
         auto client = lab::Connection::To(RoutePort(0));
-        client.Write("x");
-        EXPECT_EQ(client.ReadToEnd(), "x");
+        client.Write(large);
+        EXPECT_TRUE(client.ReadToEnd() == large);
     }
     EXPECT_TRUE(support::Eventually([&] { return agent->Descriptors() == descriptors; }));
 }
