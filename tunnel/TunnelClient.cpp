@@ -352,8 +352,8 @@ void TunnelClient::RemoveStoppedSession(const std::string& sessionId) {
     }
     LogWrite("TunnelClient", 362, logDebug, "Removing stopped session %s", sessionId.c_str());
     sessions.erase(session);
-    // What is kept for the next session goes with the last, the pipe's descriptors too. A service slower than its
-    // client can have made us hold megabytes; the allocator would keep them for itself.
+    // What is kept for the next session goes with the last, the pipe's descriptors too unless a payload is still coming
+    // in through it. A service slower than its client can have made us hold megabytes; the allocator would keep them.
     if (!sessions.empty()) return;
     if (pipe.Size() == 0) pipe = PayloadPipe();
     spareDownloads.Clear();
