@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tunnel/TunnelConfig.h"
+
 namespace nox::tunnel_client {
 
 /// One local service that the device offers through the tunnel.
@@ -24,17 +26,6 @@ struct RegistrationConfig {
     std::string macAddress;
     std::string deviceId;  ///< empty: the SSO service's certificate id is used instead
     std::vector<Route> routes;
-};
-
-/// What the tunnel needs to know. Timers come from the configuration, everything else from each registration.
-struct TunnelConfig {
-    std::string username;
-    std::string password;  ///< also the secret that signs control messages
-    std::string serverHost;
-    std::int32_t serverPort = 0;
-    std::string deviceId;
-    std::int32_t tunnelReconnectSeconds = 0;  ///< pause between two connections of one run
-    std::int32_t tunnelHeartbeatSeconds = 0;
 };
 
 /// Where and how much to log.

@@ -136,12 +136,6 @@ extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
     return syscall(SYS_recvfrom, socket, buffer, piece, flags, nullptr, nullptr);
 }
 
-extern "C" ssize_t splice(int from, off64_t* start, int to, off64_t* place, std::size_t size,
-                          unsigned flags) {
-    const std::size_t piece = world != nullptr ? std::min(size, world->PieceBytes()) : size;
-    return syscall(SYS_splice, from, start, to, place, piece, flags);
-}
-
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {
     static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
     addrinfo numeric = hints != nullptr ? *hints : addrinfo{};

@@ -9,7 +9,7 @@
 
 /// What the fuzz targets stand on: a process whose connections lead nowhere but into the input.
 ///
-/// SealedWorld.cpp takes the place of the C library's connect, recv, splice, getaddrinfo,
+/// SealedWorld.cpp takes the place of the C library's connect, recv, getaddrinfo,
 /// clock_gettime and of the calls with which asio waits. Whoever connects gets one end of a
 /// socket pair, so no input, whatever addresses it names, causes traffic beyond this process,
 /// and everything a peer says is there at once. When nothing is ready to be read or written,

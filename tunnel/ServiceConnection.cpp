@@ -12,7 +12,11 @@ using asio::ip::tcp;
 
 ServiceConnection::ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner,
                                      asio::io_context& io, const Delays& fixedDelays)
-    : params(std::move(parameters)), owner(sessionOwner), delays(fixedDelays), ioContext(io) {}
+    : params(std::move(parameters)),
+      owner(sessionOwner),
+      delays(fixedDelays),
+      ioContext(io),
+      queue(sessionOwner->Memory()) {}
 
 void ServiceConnection::Connect() {
     const tcp::endpoint service(asio::ip::make_address(params.localHost),
@@ -20,8 +24,8 @@ void ServiceConnection::Connect() {
     std::error_code error;
     socket.open(service.protocol(), error);
     if (!error) socket.non_blocking(true, error);
-    // The kernel would let it grow to megabytes, and a thousand busy sessions out of every cache. It has to be said
-    // before the connect, see tcp(7). Without the option it still works.
+    // Otherwise the kernel lets it grow to megabytes, and a thousand busy sessions do not fit any cache. It has to be
+    // set before the connect, see tcp(7). Without the option everything still works.
     std::error_code ignored;
     socket.set_option(asio::socket_base::receive_buffer_size(maxKernelBytes), ignored);
     if (!error) return socket.async_connect(service, Weakly(&ServiceConnection::OnConnected));
@@ -29,24 +33,26 @@ void ServiceConnection::Connect() {
 }
 
 void ServiceConnection::OnConnected(std::error_code error) {
-    connecting = false;
+    state = State::Open;
     if (error) {
         LogWrite("ServiceConnection", __LINE__, logError, "ServiceConnection::Connect: (%d) %s",
                  error.value(), error.message().c_str());
         owner->ServiceConnectionFailed(params.sessionId);
         return Stop();
     }
-    // Small replies must not wait for an acknowledgement of the piece before. Without the
-    // option it still works.
+    // Small replies must not wait for an acknowledgement of the piece before. Without the option everything still
+    // works.
     std::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
     asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
 }
 
+// ---- From the service to the tunnel
+
 void ServiceConnection::ListenToService() {
-    if (failed) return;
+    if (state == State::Failed) return;
     LogListening();
-    hasMore ? OnReadable({}) : WaitForService();
+    WaitForService();
 }
 
 void ServiceConnection::LogListening() const {
@@ -55,40 +61,79 @@ void ServiceConnection::LogListening() const {
 }
 
 void ServiceConnection::WaitForService() {
+    if (hasMore) return OnReadable({});
     socket.async_wait(tcp::socket::wait_read, Weakly(&ServiceConnection::OnReadable));
 }
 
+// The end of the service does not wait for a turn: when nothing is left to read, it is read at once.
 void ServiceConnection::OnReadable(std::error_code error) {
     if (error) return OnReadError(error);
-    if (stopFlag || owner->HasRoom(pendingUploads)) return ReadService();
-    waitsForRoom = true;
-    owner->WaitForRoom(weak_from_this());
+    const int frames = owner->Turns().MayRead(uploads.Pending());
+    if (frames > 0 || !HasArrived()) return ReadService(std::max(frames, 1));
+    waitsForTurn = true;
+    owner->Turns().Wait(weak_from_this());
 }
 
-void ServiceConnection::ReadInTurn() {
-    if (std::exchange(waitsForRoom, false)) ReadService();
+bool ServiceConnection::HasArrived() const {
+    std::error_code ignored;
+    return socket.available(ignored) > 0;
+}
+
+void ServiceConnection::ReadInTurn(int frames) {
+    if (std::exchange(waitsForTurn, false)) ReadService(frames);
 }
 
 // A busy service is read several frames at a time, as if by one read after the other, and never past the pause. After a
-// failed write it is one: the read that was under way.
-void ServiceConnection::ReadService() {
-    std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: what is not read is not looked at
-    const auto reads =
-        static_cast<std::size_t>(failed ? 1 : std::min(maxReads, pauseAbove + 1 - pendingUploads));
-    std::error_code error;
-    const std::size_t size = socket.read_some(asio::buffer(buffer, reads * maxReadBytes), error);
-    hasMore = size == reads * maxReadBytes;
-    if (error == asio::error::would_block) return WaitForService();
-    if (error) return OnReadError(error);
-    for (std::size_t begin = 0; begin < size; begin += maxReadBytes) {
-        if (begin > 0) LogListening();
-        Upload({&buffer[begin], std::min(maxReadBytes, size - begin)});
+// failed write it is one frame: the read that was under way.
+void ServiceConnection::ReadService(int frames) {
+    std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: only what has been read is used
+    int left = state == State::Failed ? 1 : std::min(frames, uploads.Room());
+    for (;; LogListening()) {
+        const std::size_t wanted = maxReadBytes * static_cast<std::size_t>(std::min(left, maxReads));
+        std::error_code error;
+        const std::size_t size = socket.read_some(asio::buffer(buffer, wanted), error);
+        hasMore = size == wanted;
+        if (error == asio::error::would_block) return WaitForService();
+        if (error) return OnReadError(error);
+        left -= Upload({buffer.data(), size});
+        if (!hasMore || left == 0) break;
     }
-    if (!listeningPaused) asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
+    if (!uploads.IsPaused()) asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
+}
+
+// @return the number of frames
+int ServiceConnection::Upload(std::string_view bytes) {
+    int frames = 1;
+    for (; bytes.size() > maxReadBytes; ++frames) {
+        UploadFrame(bytes.substr(0, maxReadBytes));
+        bytes.remove_prefix(maxReadBytes);
+        LogListening();
+    }
+    UploadFrame(bytes);
+    return frames;
+}
+
+// Goes on after Stop too: what the service still sends is relayed until the socket is closed.
+void ServiceConnection::UploadFrame(std::string_view bytes) {
+    const char* id = params.sessionId.c_str();
+    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, received %d bytes from service", id,
+             static_cast<int>(bytes.size()));
+    owner->QueueMessage(TunnelMessage(dataFrame, params.sessionId, owner->Memory().Copy(bytes)));
+    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, pending uploads: %d", id,
+             uploads.Pending());
+    if (uploads.OnQueued())
+        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, pausing listening to service", id);
+}
+
+// The line belongs right behind that of the frame; the next one may be finished in the same call.
+void ServiceConnection::UploadFinished() {
+    if (!uploads.OnWritten() || state == State::Failed) return;
+    LogListening();
+    asio::post(ioContext, Weakly(&ServiceConnection::WaitForService));
 }
 
 void ServiceConnection::OnReadError(std::error_code error) {
-    failed = true;
+    state = State::Failed;
     if (stopFlag) {
         LogWrite("ServiceConnection", __LINE__, logVerbose, "ListenToService error with stopFlag, session %s",
                  params.sessionId.c_str());
@@ -102,85 +147,50 @@ void ServiceConnection::OnReadError(std::error_code error) {
     Stop();
 }
 
-// Goes on after Stop too: what the service still says is relayed until the socket is closed.
-void ServiceConnection::Upload(std::string_view bytes) {
-    const char* id = params.sessionId.c_str();
-    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, received %d bytes from service", id,
-             static_cast<int>(bytes.size()));
-    std::string payload = owner->SparePayload();
-    owner->QueueMessage(TunnelMessage(dataFrame, params.sessionId, std::move(payload.assign(bytes))));
-    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, pending uploads: %d", id,
-             pendingUploads);
-    ++pendingUploads;
-    if (!listeningPaused && pendingUploads > pauseAbove) {
-        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, pausing listening to service", id);
-        listeningPaused = true;
-    }
+// ---- From the tunnel to the service
+
+void ServiceConnection::QueueData(std::string_view payload) {
+    if (state == State::Failed) return;
+    if (queue.IsEmpty())
+        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, resume sending to service",
+                 params.sessionId.c_str());
+    queue.Append(payload);
 }
 
-void ServiceConnection::UploadFinished() {
-    --pendingUploads;
-    if (!listeningPaused || pendingUploads > resumeAt) return;
-    listeningPaused = false;
-    asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
+void ServiceConnection::SendArrived() {
+    if (!isWriting && !queue.IsEmpty()) WriteQueue();
+    queue.KeepArrived();
 }
 
-void ServiceConnection::QueueData(std::string payload) {
-    if (failed) return;
-    serviceQueue.push_back(std::move(payload));
-    if (serviceQueue.size() > 1) return;  // the write under way goes on with the queue
-    LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, resume sending to service",
-             params.sessionId.c_str());
-    asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
-}
-
-void ServiceConnection::QueueData(std::string payload, PayloadPipe filled) {
-    pipe = std::move(filled);
-    QueueData(std::move(payload));
-}
-
+// A payload once begun is written to its end, even if the service has ended its own half meanwhile.
 void ServiceConnection::SendAsync() {
-    if (!failed) return WriteQueue();
-    pipe = PayloadPipe();  // its descriptors may be wanted
+    if (state != State::Failed || queue.HasBegun()) WriteQueue();
 }
 
-// Writes on while the service takes it: were each followed by a read from the tunnel, a queue once long would stay so.
-// Now and then the others get their turn.
+// Each turn of the event loop writes more than it reads from the tunnel; otherwise a queue once long would never
+// shrink.
 void ServiceConnection::WriteQueue() {
-    for (int writes = 0; writes < maxWrites; ++writes) {
-        if (!WritePayload()) return;
-        OnSent();
-        if (failed || serviceQueue.empty()) return;
-    }
-    asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
-}
-
-// A payload once begun is written to its end, even if the service has ended its own half meanwhile. While the connect
-// is still under way the write waits behind it, and fails with it. It must not be tried: a socket tells only once why
-// its connect failed.
-// @return whether all of it has been written; otherwise it goes on by itself, or the session ends.
-bool ServiceConnection::WritePayload() {
-    const std::string& payload = serviceQueue.front();
+    isWriting = true;
+    // While the connect is under way the write waits behind it. It must not be tried: a socket reports only once why
+    // its connect failed.
+    if (state == State::Connecting) return WaitForRoom();
+    const PayloadQueue::Pieces pieces = queue.Next(state == State::Failed);
     std::error_code error;
-    if (pipe.Size() > 0) {
-        WriteFromPipe(error);
-    } else if (!connecting) {
-        sentBytes += socket.write_some(asio::buffer(payload) + sentBytes, error);
-    }
-    if (error && error != asio::error::would_block) {
-        OnSendError(error);
-        return false;
-    }
-    if (sentBytes == payload.size()) return true;
-    socket.async_wait(tcp::socket::wait_write, Weakly(&ServiceConnection::OnWritable));
-    return false;
+    const std::size_t size = socket.write_some(pieces, error);
+    if (error && error != asio::error::would_block) return OnSendError(error);
+    queue.Remove(size, [this](std::size_t payload) {
+        LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, sent %d bytes to service",
+                 params.sessionId.c_str(), static_cast<int>(payload));
+    });
+    if (size < pieces.Bytes()) return WaitForRoom();
+    if (!queue.IsEmpty()) return asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
+    isWriting = false;
+    LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing",
+             params.sessionId.c_str());
 }
 
-// What the service does not take at once goes on from memory, and the pipe serves the next frame.
-void ServiceConnection::WriteFromPipe(std::error_code& error) {
-    sentBytes = pipe.WriteTo(socket.native_handle(), error);
-    pipe.CopyTo(&serviceQueue.front()[sentBytes]);
-    owner->PipeEmptied(std::move(pipe));
+void ServiceConnection::WaitForRoom() {
+    socket.async_wait(tcp::socket::wait_write, Weakly(&ServiceConnection::OnWritable));
 }
 
 void ServiceConnection::OnWritable(std::error_code error) {
@@ -189,7 +199,7 @@ void ServiceConnection::OnWritable(std::error_code error) {
 }
 
 void ServiceConnection::OnSendError(std::error_code error) {
-    failed = true;
+    state = State::Failed;
     if (stopFlag) {
         LogWrite("ServiceConnection", __LINE__, logVerbose, "SendAsync error with stopFlag, session %s",
                  params.sessionId.c_str());
@@ -201,16 +211,7 @@ void ServiceConnection::OnSendError(std::error_code error) {
     Stop();
 }
 
-void ServiceConnection::OnSent() {
-    const char* id = params.sessionId.c_str();
-    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, sent %d bytes to service", id,
-             static_cast<int>(sentBytes));
-    owner->PayloadWritten(std::move(serviceQueue.front()));
-    serviceQueue.pop_front();
-    sentBytes = 0;
-    if (!serviceQueue.empty()) return;
-    LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing", id);
-}
+// ---- The end
 
 // The two delays let data in flight reach the service, and late reports still find the session in the table.
 void ServiceConnection::Stop() {
@@ -218,9 +219,15 @@ void ServiceConnection::Stop() {
              params.sessionId.c_str());
     if (stopFlag) return;
     stopFlag = true;
-    // Behind many others its turn might come after its socket has been closed.
-    if (waitsForRoom) asio::post(ioContext, Weakly(&ServiceConnection::ReadInTurn));
+    if (waitsForTurn) asio::post(ioContext, Weakly(&ServiceConnection::ReadWhatHasArrived));
     Wait(delays.sessionClose, &ServiceConnection::OnCloseDelayOver);
+}
+
+// Once, because behind many others its turn might come after its socket has been closed. From then on it takes its
+// turns as before: it must not keep the others waiting with a service that goes on sending.
+void ServiceConnection::ReadWhatHasArrived() {
+    owner->Turns().Leave(*this);
+    ReadInTurn(ReadTurns::allFrames);
 }
 
 void ServiceConnection::Wait(std::chrono::milliseconds delay,
@@ -229,10 +236,13 @@ void ServiceConnection::Wait(std::chrono::milliseconds delay,
     timer.async_wait(Weakly(then));
 }
 
+// The read and the write that are under way fail now; so does the read that waits for its turn.
 void ServiceConnection::OnCloseDelayOver(std::error_code) {
     LogWrite("ServiceConnection", __LINE__, logDebug, "Closing session %s socket after timer delay",
              params.sessionId.c_str());
-    CloseSocket();
+    std::error_code ignored;  // nothing follows from a close that failed: the descriptor is gone either way
+    socket.close(ignored);
+    ReadWhatHasArrived();
     Wait(delays.sessionRemoval, &ServiceConnection::OnRemovalDelayOver);
 }
 
@@ -240,11 +250,6 @@ void ServiceConnection::OnRemovalDelayOver(std::error_code) {
     LogWrite("ServiceConnection", __LINE__, logDebug, "Stopping session %s after timer delay",
              params.sessionId.c_str());
     owner->RemoveStoppedSession(params.sessionId);
-}
-
-void ServiceConnection::CloseSocket() {
-    std::error_code ignored;  // nothing follows from a close that failed: the descriptor is gone either way
-    socket.close(ignored);
 }
 
 }  // namespace nox::tunnel_client

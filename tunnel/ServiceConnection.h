@@ -1,16 +1,18 @@
 #pragma once
 
 #include <asio.hpp>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "tunnel/Delays.h"
-#include "tunnel/PayloadPipe.h"
+#include "tunnel/PayloadQueue.h"
+#include "tunnel/ReadTurns.h"
 #include "tunnel/SessionOwner.h"
+#include "tunnel/UploadWindow.h"
 
 namespace nox::tunnel_client {
 
@@ -22,24 +24,21 @@ struct SessionParams {
 
 /// Bridges one tunnel session to one local TCP service.
 ///
-///   Connect -> OnConnected -> ListenToService -> OnReadable (-> ReadInTurn) -> ReadService -> ListenToService ...
-///                             (paused by too many uploads, see UploadFinished)
-///              QueueData   -> SendAsync -> WriteQueue (WritePayload, OnSent, ...) <-> OnWritable
-///   Stop -> OnCloseDelayOver -> OnRemovalDelayOver           (traffic goes on until the socket is closed)
+///   Connect   -> OnConnected -> ListenToService -> OnReadable (-> ReadInTurn) -> ReadService -> ListenToService ...
+///                               (pauses at too many uploads until UploadFinished)
+///   QueueData -> SendArrived -> SendAsync <-> OnWritable
+///   Stop      -> OnCloseDelayOver -> OnRemovalDelayOver      (traffic goes on until the socket is closed)
 ///
-/// Both directions run independently; one read and one write are under way at most. Made with make_shared.
-/// Whoever lets go of it before the shutdown is over closes its socket at once, and what was still under way
-/// does nothing. Everything runs on the thread of `io`.
-class ServiceConnection : public std::enable_shared_from_this<ServiceConnection> {
+/// Both directions run independently; one read and one write are under way at most. Made with make_shared. Whoever
+/// lets go of it before the shutdown is over closes its socket at once, and operations that were under way do
+/// nothing. Everything runs on the thread of `io`.
+class ServiceConnection : public ReadTurns::Reader, public std::enable_shared_from_this<ServiceConnection> {
 public:
-    static constexpr std::size_t maxReadBytes = 16384;  ///< of the service in one frame
-    static constexpr int pauseAbove = 19;               ///< uploads not yet written to the tunnel
+    static constexpr std::size_t maxReadBytes = 16384;  ///< from the service, in one frame
 
     /// @param sessionOwner, io not owned, outlive the connection
     ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner, asio::io_context& io,
                       const Delays& fixedDelays = {});
-    ServiceConnection(const ServiceConnection&) = delete;
-    ServiceConnection& operator=(const ServiceConnection&) = delete;
 
     const std::string& SessionId() const { return params.sessionId; }
 
@@ -47,19 +46,15 @@ public:
     /// @throws std::system_error when the host is not a numeric address: names are never looked up
     void Connect();
 
-    /// Bytes for the service, written in the order of the calls. Not bounded: the tunnel has no way to slow
-    /// the server down for one session. Dropped without a word once the connection has failed.
-    void QueueData(std::string payload);
+    /// Bytes for the service, written in the order of the calls. Not bounded: the tunnel has no way to slow the
+    /// server down for one session. Dropped without a log line once the connection has failed.
+    /// @param payload not empty, not copied: stays valid until SendArrived
+    void QueueData(std::string_view payload);
+    /// Writes what has been queued, and copies what the service does not take at once.
+    void SendArrived();
 
-    /// The same for a payload that is in a pipe, while the connection CanWrite.
-    /// @param payload as long as what the pipe holds, whatever it says
-    void QueueData(std::string payload, PayloadPipe filled);
-
-    /// Nothing is left to be written, and what comes could be.
-    bool CanWrite() const { return !connecting && !failed && socket.is_open() && serviceQueue.empty(); }
-
-    /// The read that it asked the owner for with WaitForRoom; nothing if that has been done meanwhile.
-    void ReadInTurn();
+    /// The turn to read that it asked for.
+    void ReadInTurn(int frames) override;
 
     /// One data frame of this session has been written to the tunnel.
     void UploadFinished();
@@ -68,10 +63,11 @@ public:
     void Stop();
 
 private:
-    static constexpr int maxReads = 8;             // in one call
-    static constexpr int maxWrites = 16;           // of payloads, one after the other
-    static constexpr int resumeAt = 14;            // the gap keeps reading from stuttering at the limit
-    static constexpr int maxKernelBytes = 131072;  // of the service, not read yet
+    static constexpr int maxReads = 8;             // frames in one call
+    static constexpr int maxKernelBytes = 131072;  // from the service, not read yet
+
+    /// Of the socket. A refused connect counts as Open: the first read or write fails.
+    enum class State { Connecting, Open, Failed };
 
     // A handler that does nothing once the connection is gone.
     template <typename Method>
@@ -82,41 +78,42 @@ private:
     }
 
     void OnConnected(std::error_code error);
+
     void ListenToService();
     void LogListening() const;
     void WaitForService();
     void OnReadable(std::error_code error);
-    void ReadService();
+    bool HasArrived() const;
+    void ReadService(int frames);
+    int Upload(std::string_view bytes);
+    void UploadFrame(std::string_view bytes);
     void OnReadError(std::error_code error);
-    void Upload(std::string_view bytes);
+
     void SendAsync();
     void WriteQueue();
-    bool WritePayload();
-    void WriteFromPipe(std::error_code& error);
+    void WaitForRoom();
     void OnWritable(std::error_code error);
     void OnSendError(std::error_code error);
-    void OnSent();
+
+    void ReadWhatHasArrived();
     void Wait(std::chrono::milliseconds delay, void (ServiceConnection::*then)(std::error_code));
     void OnCloseDelayOver(std::error_code);
     void OnRemovalDelayOver(std::error_code);
-    void CloseSocket();
 
     SessionParams params;
     SessionOwner* owner;
     Delays delays;
-    bool stopFlag = false;
-    bool failed = false;     // a read or write failed: no further one is started. Independent of stopFlag.
-    bool connecting = true;  // until the connect has been answered, well or badly
     asio::io_context& ioContext;
     asio::ip::tcp::socket socket{ioContext};
-    asio::steady_timer timer{ioContext};   // the shutdown's
-    std::deque<std::string> serviceQueue;  // the front is being written
-    PayloadPipe pipe;                      // what it holds is the front's
-    std::size_t sentBytes = 0;             // of the front
-    bool hasMore = false;                  // the last read took all it could: no need to wait for the next
-    bool waitsForRoom = false;             // in the tunnel's queue
-    bool listeningPaused = false;
-    int pendingUploads = 0;  // frames handed to the owner and not yet reported written
+    asio::steady_timer timer{ioContext};  // of the shutdown
+
+    State state = State::Connecting;  // Failed: no further read or write is started
+    bool stopFlag = false;            // Stop has been called; independent of the state
+    bool isWriting = false;           // a write is under way: SendArrived only has to copy
+    bool waitsForTurn = false;        // instead of for the service
+    bool hasMore = false;             // the last read took all that it was allowed: there is probably more
+    UploadWindow uploads;
+    PayloadQueue queue;
 };
 
 }  // namespace nox::tunnel_client

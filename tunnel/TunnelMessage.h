@@ -38,10 +38,12 @@ struct TunnelMessage {
     std::string data;  ///< payload
 };
 
-/// What a received header says; any 21 bytes make a header, the length limit is the caller's to check.
+/// A received header. Any 21 bytes make a header; the caller checks the length.
 struct FrameHeader {
+    std::string_view SessionId() const { return {session.data(), session.size()}; }
+
     std::uint8_t type = 0;
-    std::uint32_t length = 0;
+    std::uint32_t length = 0;  ///< of the payload
     SessionField session = {};
 };
 

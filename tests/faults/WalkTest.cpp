@@ -111,15 +111,16 @@ TEST_P(AgentOutlives, EachCallThatFails) {
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, AgentOutlives,
-    testing::Values(
-        Fault{"socket", EMFILE, true}, Fault{"socketpair", EMFILE}, Fault{"connect", ENETUNREACH},
-        Fault{"getsockname", ENOBUFS}, Fault{"getpeername", ENOTCONN}, Fault{"getsockopt", ENOBUFS},
-        Fault{"setsockopt", ENOBUFS}, Fault{"ioctl", EIO}, Fault{"fcntl", EMFILE}, Fault{"send", ECONNRESET},
-        Fault{"sendmsg", EPIPE}, Fault{"recv", ECONNRESET}, Fault{"splice", ENOSYS}, Fault{"pipe2", EMFILE},
-        Fault{"getaddrinfo", EAI_AGAIN, true}, Fault{"poll", EINTR}, Fault{"epoll_create1", EMFILE},
-        Fault{"epoll_ctl", ENOSPC, true}, Fault{"epoll_wait", EINTR}, Fault{"eventfd", EMFILE, true},
-        Fault{"pthread_create", EAGAIN}, Fault{"close", EIO}, Fault{"fopen", EMFILE}, Fault{"malloc", ENOMEM},
-        Fault{"calloc", ENOMEM}, Fault{"realloc", ENOMEM}, Fault{"new", ENOMEM}),
+    testing::Values(Fault{"socket", EMFILE, true}, Fault{"socketpair", EMFILE}, Fault{"connect", ENETUNREACH},
+                    Fault{"getsockname", ENOBUFS}, Fault{"getpeername", ENOTCONN},
+                    Fault{"getsockopt", ENOBUFS}, Fault{"setsockopt", ENOBUFS}, Fault{"ioctl", EIO},
+                    Fault{"fcntl", EMFILE}, Fault{"send", ECONNRESET}, Fault{"sendmsg", EPIPE},
+                    Fault{"recv", ECONNRESET}, Fault{"getaddrinfo", EAI_AGAIN, true}, Fault{"poll", EINTR},
+                    Fault{"epoll_create1", EMFILE}, Fault{"epoll_ctl", ENOSPC, true},
+                    Fault{"epoll_wait", EINTR}, Fault{"eventfd", EMFILE, true},
+                    Fault{"pthread_create", EAGAIN}, Fault{"close", EIO}, Fault{"fopen", EMFILE},
+                    Fault{"malloc", ENOMEM}, Fault{"calloc", ENOMEM}, Fault{"realloc", ENOMEM},
+                    Fault{"new", ENOMEM}),
     [](const auto& row) { return std::string(row.param.call); });
 
 }  // namespace

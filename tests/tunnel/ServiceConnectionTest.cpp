@@ -14,8 +14,17 @@ using namespace std::chrono_literals;
 
 const std::string id = "session-00000001";
 
+// As much waits for the tunnel as a test says.
+struct Line : ReadTurns::Line {
+    std::size_t FramesWaiting() const override { return waiting; }
+    std::uint64_t Waits() const override { return 0; }
+    std::uint64_t Departed() const override { return 0; }
+    std::size_t waiting = 0;
+};
+
 // Keeps what it is told; letting go of a removed session is the owner's part.
 struct Owner : SessionOwner {
+    explicit Owner(asio::io_context& io) : memory(io), turns(io, line, 1h) {}
     void QueueMessage(TunnelMessage message) override { frames.push_back(std::move(message)); }
     void ServiceConnectionFailed(const std::string& session) override { calls += "failed " + session + "\n"; }
     void SendDisconnectSession(const std::string& session) override {
@@ -25,23 +34,27 @@ struct Owner : SessionOwner {
         calls += "remove " + session + "\n";
         connection.reset();
     }
-    bool HasRoom(int) const override { return hasRoom; }
-    void WaitForRoom(std::weak_ptr<ServiceConnection>) override { ++waits; }
-    std::string SparePayload() override { return "whatever"; }
-    void PayloadWritten(std::string) override {}
-    void PipeEmptied(PayloadPipe pipe) override { pipes.push_back(std::move(pipe)); }
+    ReadTurns& Turns() override { return turns; }
+    PayloadMemory& Memory() override { return memory; }
     std::string Received() const {
         std::string all;
         for (const TunnelMessage& frame : frames) all += frame.data;
         return all;
     }
     std::vector<TunnelMessage> frames;
-    std::vector<PayloadPipe> pipes;
     std::string calls;
-    bool hasRoom = true;
-    int waits = 0;
+    Line line;
+    PayloadMemory memory;
+    ReadTurns turns;
     std::shared_ptr<ServiceConnection> connection;
 };
+
+// One frame for the service, as the tunnel brings it: its memory does not last.
+void Send(ServiceConnection& connection, std::string payload) {
+    connection.QueueData(payload);
+    connection.SendArrived();
+    std::fill(payload.begin(), payload.end(), '?');
+}
 
 class ServiceConnectionTest : public testing::Test {
 protected:
@@ -69,22 +82,9 @@ protected:
         EXPECT_TRUE(io.stopped()) << "work is left";
     }
 
-    void BringInPipe(ServiceConnection& connection) {
-        asio::local::stream_protocol::socket tunnel(io), server(io);
-        asio::local::connect_pair(tunnel, server);
-        tunnel.native_non_blocking(true);
-        const std::string payload(5000, 'p');
-        asio::write(server, asio::buffer(payload));
-        PayloadPipe pipe;
-        std::error_code error;
-        pipe.TakeFrom(tunnel.native_handle(), payload.size(), error);
-        EXPECT_EQ(pipe.Size(), payload.size()) << error.message();
-        connection.QueueData(std::string(payload.size(), '?'), std::move(pipe));
-    }
-
     support::LogCapture log;
     asio::io_context io;
-    Owner owner;
+    Owner owner{io};
 };
 
 TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
@@ -94,8 +94,7 @@ TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
         peer.Write("answer");
     }});
     const auto connection = Connect(service.Port());
-    EXPECT_FALSE(connection->CanWrite()) << "still connecting";
-    for (const char one : sent) connection->QueueData({one});
+    for (const char one : sent) Send(*connection, {one});
     RunToTheEnd();
     EXPECT_EQ(owner.Received(), "answer");
     EXPECT_EQ(owner.frames.at(0).SessionId(), id);
@@ -111,8 +110,7 @@ TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
     const auto texts = log.Texts();
     ASSERT_GE(texts.size(), end.size());
     EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()), end);
-    EXPECT_FALSE(connection->CanWrite()) << "failed";
-    connection->QueueData("dropped");
+    Send(*connection, "dropped");
     EXPECT_EQ(log.Texts(), texts);
 }
 
@@ -139,29 +137,6 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     for (const TunnelMessage& frame : owner.frames) EXPECT_LE(frame.data.size(), 16384U);
 }
 
-// It waits for what the service said and for its end; a turn that is no longer needed does nothing.
-TEST_F(ServiceConnectionTest, ReadsInItsTurnOrWhenItIsStopped) {
-    owner.hasRoom = false;
-    for (const bool stopped : {false, true}) {
-        SCOPED_TRACE(stopped);
-        lab::ScriptedServer service({[](lab::Connection& peer) { peer.Write("said"); }});
-        const auto connection = Connect(service.Port());
-        owner.waits = 0;
-        owner.frames.clear();
-        RunUntil([&] { return owner.waits == 1; });
-        io.run_for(20ms);
-        EXPECT_EQ(owner.Received(), "");
-        stopped ? connection->Stop() : connection->ReadInTurn();
-        RunUntil([&] { return owner.Received() == "said" && (stopped || owner.waits == 2); });
-        connection->Stop();
-        connection->ReadInTurn();
-        RunToTheEnd();
-        EXPECT_EQ(owner.Received(), "said");
-        EXPECT_EQ(owner.waits, stopped ? 1 : 2);
-        EXPECT_EQ(log.Count("ListenToService error with stopFlag, session " + id), stopped ? 2U : 1U);
-    }
-}
-
 TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
     std::string received;
     lab::ScriptedServer service({[&](lab::Connection& peer) { received = peer.ReadToEnd(); }});
@@ -170,7 +145,7 @@ TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
     const auto stopped = std::chrono::steady_clock::now();
     connection->Stop();
     connection->Stop();
-    connection->QueueData("late");
+    Send(*connection, "late");
     RunToTheEnd();
     EXPECT_GE(std::chrono::steady_clock::now() - stopped, 80ms);
     service.Finish();
@@ -191,8 +166,8 @@ TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
     }});
     const auto connection = Connect(service.Port(), 1s);  // for a busy machine: all of it has to arrive
     const std::string payload = support::Megabytes(10);
-    connection->QueueData(payload);
-    connection->QueueData("never begun");
+    Send(*connection, payload);
+    Send(*connection, "never begun");
     RunToTheEnd();
     EXPECT_EQ(log.Count("ServiceConnection::ListenToService, session " + id + ", (2) End of file"), 1U);
     service.Finish();
@@ -209,30 +184,11 @@ TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
     support::LogCapture errors(logError);
     const auto connection = Connect(service.Port());
     RunUntil([&] { return owner.frames.size() == 20; });
-    connection->QueueData(support::Megabytes(20));
+    Send(*connection, support::Megabytes(20));
     RunToTheEnd();
     EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
     EXPECT_EQ(errors.Texts(), std::vector<std::string>{"ServiceConnection::SendAsync, session " + id +
                                                        ": (104) Connection reset by peer"});
-}
-
-TEST_F(ServiceConnectionTest, ReportsAWriteFromThePipeThatFails) {
-    lab::ScriptedServer service({[](lab::Connection& peer) {
-        peer.Write(std::string(327680, 's'));
-        peer.Read(1);
-        peer.Reset();
-    }});
-    const auto connection = Connect(service.Port());
-    RunUntil([&] { return owner.frames.size() == 20; });
-    connection->QueueData("1");
-    RunUntil([&] { return log.Count("Session " + id + ", nothing to send, pausing") == 1; });
-    service.Finish();
-    BringInPipe(*connection);
-    RunToTheEnd();
-    EXPECT_EQ(owner.pipes.size(), 1U);
-    EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
-    EXPECT_EQ(log.Count("ServiceConnection::SendAsync, session " + id + ": (104) Connection reset by peer"),
-              1U);
 }
 
 // The read that waits already is still answered, and relayed behind the word that the session has ended. No other is.
@@ -243,10 +199,13 @@ TEST_F(ServiceConnectionTest, RelaysOneReadAfterAFailedWrite) {
         peer.Reset();
     }});
     const auto connection = Connect(service.Port());
-    connection->QueueData("1");
-    RunUntil([&] { return log.Count("Session " + id + ", nothing to send, pausing") == 1; });
+    Send(*connection, "1");
+    RunUntil([&] {
+        return log.Count("Session " + id + ", nothing to send, pausing") == 1 &&
+               log.Count("Session " + id + ", listening to service") == 1;
+    });
     service.Finish();
-    connection->QueueData("fails");
+    Send(*connection, "fails");
     RunToTheEnd();
     EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
     EXPECT_EQ(owner.Received().size(), 16384U);
@@ -275,7 +234,7 @@ TEST_P(ServiceConnectionDropped, DoesNothingMore) {
     {
         const auto connection = Connect(service.Port());
         dropped = connection;
-        connection->QueueData("x");
+        Send(*connection, "x");
         GetParam().arrange(*connection);
         if (GetParam().reachedWith != nullptr) {
             RunUntil([&] { return log.Count("Session " + id + GetParam().reachedWith) > 0; });
@@ -292,7 +251,7 @@ TEST_P(ServiceConnectionDropped, DoesNothingMore) {
     }
 }
 
-void KeepWriting(ServiceConnection& connection) { connection.QueueData(support::Megabytes(20)); }
+void KeepWriting(ServiceConnection& connection) { Send(connection, support::Megabytes(20)); }
 INSTANTIATE_TEST_SUITE_P(States, ServiceConnectionDropped,
                          testing::Values(State{"Connecting", nullptr},
                                          State{"Reading", ", pending uploads: 3"},

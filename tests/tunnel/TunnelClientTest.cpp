@@ -310,7 +310,7 @@ TEST(TunnelClientTest, KeepsItsDelays) {
     EXPECT_EQ(delays.tunnelClose, 5s);
     EXPECT_EQ(delays.sessionClose, 5s);
     EXPECT_EQ(delays.sessionRemoval, 5s);
-    EXPECT_EQ(delays.stall, 1s);
+    EXPECT_EQ(delays.stall, 250ms);
     EXPECT_EQ(delays.second, 1s);
 }
 

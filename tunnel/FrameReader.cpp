@@ -1,0 +1,110 @@
+#include "tunnel/FrameReader.h"
+
+#include <sanitizer/asan_interface.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "log/Log.h"
+
+namespace nox::tunnel_client {
+
+FrameReader::FrameReader(asio::io_context& io, asio::ip::tcp::socket& tunnel, Owner& frameOwner)
+    : ioContext(io), socket(tunnel), owner(frameOwner), buffer(new char[bufferBytes]) {}
+
+FrameReader::~FrameReader() { ASAN_UNPOISON_MEMORY_REGION(buffer.get(), bufferBytes); }
+
+void FrameReader::ListenToTunnelServer() {
+    LogWrite("TunnelClient", 162, logVerbose, "Listening to tunnel server");
+    Read();
+}
+
+void FrameReader::Read() {
+    const std::size_t size = ReadSize();
+    MakeRoom(size);
+    ASAN_UNPOISON_MEMORY_REGION(&buffer[end], size);
+    socket.async_read_some(asio::buffer(&buffer[end], size),
+                           [this](std::error_code error, std::size_t got) { OnRead(error, got); });
+}
+
+// Of a large frame the rest and the next header, so that the frame after it need not be moved in the buffer.
+std::size_t FrameReader::ReadSize() const {
+    const std::size_t missing = hasHeader ? FrameSize() - Unread() : 0;
+    return missing > readBytes ? missing + headerBytes : readBytes;
+}
+
+void FrameReader::MakeRoom(std::size_t size) {
+    if (Unread() > 0 && end + size <= bufferBytes) return;
+    ASAN_UNPOISON_MEMORY_REGION(buffer.get(), bufferBytes);
+    std::memmove(buffer.get(), &buffer[begin], Unread());
+    end -= begin;
+    begin = 0;
+    GuardBuffer();
+}
+
+// The address sanitizer reports whoever looks at a payload after its batch.
+void FrameReader::GuardBuffer() {
+    ASAN_POISON_MEMORY_REGION(buffer.get(), bufferBytes);
+    ASAN_UNPOISON_MEMORY_REGION(&buffer[begin], Unread());
+}
+
+void FrameReader::OnRead(std::error_code error, std::size_t size) {
+    if (error) {
+        LogReadError(error);
+        return owner.OnReadFailed();
+    }
+    end += size;
+    HandleFrames();
+}
+
+void FrameReader::HandleFrames() {
+    Step step = Step::Handled;
+    for (int frames = 0; frames < maxBatch && step == Step::Handled; ++frames) step = HandleFrame();
+    owner.OnBatchOver();
+    GuardBuffer();
+    switch (step) {
+        case Step::Handled: return asio::post(ioContext, [this] { HandleFrames(); });
+        case Step::Incomplete: return Read();
+        case Step::Over: return;
+        case Step::Refused: return owner.OnReadFailed();
+    }
+}
+
+FrameReader::Step FrameReader::HandleFrame() {
+    if (!hasHeader && !DecodeNextHeader()) return Step::Incomplete;
+    if (header.length > maxPayloadBytes) {
+        LogWrite("TunnelClient", 178, logError, "Tunnel message size too large: %d",
+                 static_cast<int>(header.length));
+        return Step::Refused;
+    }
+    if (Unread() < FrameSize()) return Step::Incomplete;
+    const std::string_view payload(&buffer[begin + headerBytes], header.length);
+    begin += FrameSize();
+    hasHeader = false;
+    if (!owner.HandleMessage(header, payload)) return Step::Over;
+    LogWrite("TunnelClient", 162, logVerbose, "Listening to tunnel server");
+    return Step::Handled;
+}
+
+bool FrameReader::DecodeNextHeader() {
+    if (Unread() < headerBytes) return false;
+    HeaderBytes bytes;
+    std::copy_n(&buffer[begin], bytes.size(), bytes.begin());
+    header = DecodeHeader(bytes);
+    hasHeader = true;
+    LogWrite("TunnelClient", 175, logVerbose, "Header, type %d, len %d", header.type,
+             static_cast<int>(header.length));
+    return true;
+}
+
+void FrameReader::LogReadError(std::error_code error) const {
+    if (hasHeader) {
+        LogWrite("TunnelClient", 193, logError, "ListenToTunnelServer - read data: (%d) %s", error.value(),
+                 error.message().c_str());
+    } else {
+        LogWrite("TunnelClient", 168, logError, "ListenToTunnelServer - read header: (%d) %s", error.value(),
+                 error.message().c_str());
+    }
+}
+
+}  // namespace nox::tunnel_client
