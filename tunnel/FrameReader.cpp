@@ -58,43 +58,41 @@ void FrameReader::OnRead(std::error_code error, std::size_t size) {
 }
 
 void FrameReader::HandleFrames() {
-    Step step = Step::Handled;
-    for (int frames = 0; frames < maxBatch && step == Step::Handled; ++frames) step = HandleFrame();
+    int frames = 0;
+    for (; frames < maxBatch && HasFrame(); ++frames) HandleFrame();
     owner.OnBatchOver();
     GuardBuffer();
-    switch (step) {
-        case Step::Handled: return asio::post(ioContext, [this] { HandleFrames(); });
-        case Step::Incomplete: return Read();
-        case Step::Over: return;
-        case Step::Refused: return owner.OnReadFailed();
-    }
+    if (IsRefused()) return owner.OnReadFailed();
+    if (isOver) return;
+    frames < maxBatch ? Read()
+                      : asio::post(
+                            ioContext, [this] { HandleFrames(); });
 }
 
-FrameReader::Step FrameReader::HandleFrame() {
-    if (!hasHeader && !DecodeNextHeader()) return Step::Incomplete;
-    if (header.length > maxPayloadBytes) {
-        LogWrite("TunnelClient", 178, logError, "Tunnel message size too large: %d",
-                 static_cast<int>(header.length));
-        return Step::Refused;
-    }
-    if (Unread() < FrameSize()) return Step::Incomplete;
-    const std::string_view payload(&buffer[begin + headerBytes], header.length);
-    begin += FrameSize();
-    hasHeader = false;
-    if (!owner.HandleMessage(header, payload)) return Step::Over;
-    LogWrite("TunnelClient", 162, logVerbose, "Listening to tunnel server");
-    return Step::Handled;
+bool FrameReader::HasFrame() {
+    if (!isOver && !hasHeader && Unread() >= headerBytes) ReadHeader();
+    return hasHeader && !IsRefused() && Unread() >= FrameSize();
 }
 
-bool FrameReader::DecodeNextHeader() {
-    if (Unread() < headerBytes) return false;
+// A frame that is too large is refused before its payload has come.
+void FrameReader::ReadHeader() {
     HeaderBytes bytes;
     std::copy_n(&buffer[begin], bytes.size(), bytes.begin());
     header = DecodeHeader(bytes);
     hasHeader = true;
     LogWrite("TunnelClient", 175, logVerbose, "Header, type %d, len %d", header.type,
              static_cast<int>(header.length));
-    return true;
+    if (IsRefused())
+        LogWrite("TunnelClient", 178, logError, "Tunnel message size too large: %d",
+                 static_cast<int>(header.length));
+}
+
+void FrameReader::HandleFrame() {
+    const std::string_view payload(&buffer[begin + headerBytes], header.length);
+    begin += FrameSize();
+    hasHeader = false;
+    isOver = !owner.HandleMessage(header, payload);
+    if (!isOver) LogWrite("TunnelClient", 162, logVerbose, "Listening to tunnel server");
 }
 
 void FrameReader::LogReadError(std::error_code error) const {

@@ -45,18 +45,18 @@ private:
     static constexpr int maxBatch = 16;
     static constexpr std::size_t bufferBytes = headerBytes + maxPayloadBytes + readBytes;
 
-    enum class Step { Handled, Incomplete, Over, Refused };
-
     void Read();
     std::size_t ReadSize() const;
     void MakeRoom(std::size_t size);
     void OnRead(std::error_code error, std::size_t size);
     void HandleFrames();
-    Step HandleFrame();
-    bool DecodeNextHeader();
+    bool HasFrame();
+    void HandleFrame();
+    void ReadHeader();
     void LogReadError(std::error_code error) const;
     void GuardBuffer();
     std::size_t Unread() const { return end - begin; }
+    bool IsRefused() const { return hasHeader && header.length > maxPayloadBytes; }
     std::size_t FrameSize() const { return headerBytes + header.length; }
 
     asio::io_context& ioContext;
@@ -65,6 +65,7 @@ private:
     std::unique_ptr<char[]> buffer;  // bufferBytes; a page costs memory from its first use on
     std::size_t begin = 0, end = 0;  // of the bytes that have been read and not been handed out
     bool hasHeader = false;          // the frame at `begin` has a header, decoded and logged
+    bool isOver = false;             // nothing more is read or handed out
     FrameHeader header;
 };
 

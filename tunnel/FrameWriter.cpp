@@ -24,7 +24,7 @@ std::uint64_t FrameWriter::Departed() const {
 
 void FrameWriter::SendAsync() {
     LogFront();
-    asio::post(ioContext, [this, sent = Send()] { OnSent(sent); });
+    asio::post(ioContext, [this] { WriteQueue(); });
 }
 
 void FrameWriter::LogFront() const {
@@ -32,41 +32,42 @@ void FrameWriter::LogFront() const {
              static_cast<int>(queue.front().data.size()));
 }
 
-FrameWriter::Sent FrameWriter::Send() {
-    std::array<HeaderBytes, maxFrames> headers;  // NOLINT: each is written before it is used
-    GatherList<2 * maxFrames> pieces;
-    std::size_t skipped = sentBytes;
-    const auto add = [&](asio::const_buffer piece) {
-        const std::size_t sent = std::exchange(skipped, skipped - std::min(skipped, piece.size())) - skipped;
-        pieces.Add(piece + sent);
-    };
-    for (std::size_t i = 0; i < std::min(queue.size(), maxFrames); ++i) {
-        headers[i] = EncodeHeader(queue[i]);
-        add(asio::buffer(headers[i]));
-        add(asio::buffer(queue[i].data));
-    }
-    Sent sent;
-    sent.size = socket.send(pieces, 0, sent.error);
-    sent.isAll = sent.size == pieces.Bytes();
-    if (sent.error == asio::error::would_block) sent.error.clear();
-    return sent;
+// Writes on for as long as the socket takes it, and only then lets the queue fill again.
+void FrameWriter::WriteQueue() {
+    while (!queue.empty())
+        if (!WriteFrames()) return;
+    owner.OnQueueEmpty();
 }
 
-// Sends on for as long as the socket takes it, and only then lets the queue fill again.
-void FrameWriter::OnSent(Sent sent) {
-    for (;; sent = Send()) {
-        if (sent.error) return OnSendError(sent.error);
-        Finish(sent.size);
-        if (queue.empty()) return owner.OnQueueEmpty();
-        if (!sent.isAll) return WaitForSocket();
+// One call. @return whether the socket took all that it was offered
+bool FrameWriter::WriteFrames() {
+    std::array<HeaderBytes, maxFrames> headers;  // NOLINT: each is written before it is used
+    std::array<asio::const_buffer, 2 * maxFrames> pieces;
+    for (std::size_t i = 0; i < std::min(queue.size(), maxFrames); ++i) {
+        headers[i] = EncodeHeader(queue[i]);
+        pieces[2 * i] = asio::buffer(headers[i]);
+        pieces[2 * i + 1] = asio::buffer(queue[i].data);
     }
+    const std::size_t ofHeader = std::min(sentBytes, headerBytes);
+    pieces[0] += ofHeader;
+    pieces[1] += sentBytes - ofHeader;
+    std::error_code error;
+    const std::size_t size = socket.send(pieces, 0, error);
+    const bool isAll = size == asio::buffer_size(pieces);
+    Finish(size);
+    if (error && error != asio::error::would_block) {
+        OnSendError(error);
+    } else if (!isAll) {
+        WaitForSocket();
+    }
+    return isAll;
 }
 
 void FrameWriter::WaitForSocket() {
     ++waits;
     socket.async_wait(asio::ip::tcp::socket::wait_write, [this](std::error_code error) {
         if (error) return OnSendError(error);
-        OnSent(Send());
+        WriteQueue();
     });
 }
 

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <deque>
 
-#include "tunnel/GatherList.h"
 #include "tunnel/ReadTurns.h"
 #include "tunnel/TunnelMessage.h"
 
@@ -14,7 +13,7 @@ namespace nox::tunnel_client {
 
 /// Writes frames to the tunnel server in the order in which they were queued.
 ///
-///   QueueMessage -> SendAsync -> OnSent <-> WaitForSocket
+///   QueueMessage -> SendAsync -> WriteQueue (WriteFrames, ...) <-> WaitForSocket
 ///
 /// Nothing is written inside the call that queues it. Each call to the socket offers it several frames; calls follow
 /// one another until it takes no more. After an error nothing is written any more.
@@ -48,17 +47,10 @@ public:
 private:
     static constexpr std::size_t maxFrames = 16;  // in one call
 
-    // The result of one call to the socket.
-    struct Sent {
-        std::error_code error;
-        std::size_t size = 0;
-        bool isAll = false;  // the socket took everything that it was offered
-    };
-
     void SendAsync();
     void LogFront() const;
-    Sent Send();
-    void OnSent(Sent sent);
+    void WriteQueue();
+    bool WriteFrames();
     void WaitForSocket();
     void OnSendError(std::error_code error);
     void Finish(std::size_t size);

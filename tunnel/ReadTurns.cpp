@@ -14,7 +14,7 @@ int ReadTurns::MayRead(int ownFrames) const {
 
 void ReadTurns::Wait(std::weak_ptr<Reader> reader) {
     waiting.push_back(std::move(reader));
-    if (!isWatching) Watch();
+    if (!isWatching) Watch(stallLimit);
 }
 
 void ReadTurns::Leave(const Reader& reader) {
@@ -38,30 +38,21 @@ void ReadTurns::GiveTurn(int frames) {
     if (reader) reader->ReadInTurn(frames);
 }
 
-void ReadTurns::Watch() {
+void ReadTurns::Watch(std::chrono::milliseconds delay) {
     isWatching = true;
     watchedFrom = line.Departed();
-    timer.expires_after(stallLimit);
+    timer.expires_after(delay);
     timer.async_wait([this](std::error_code) { OnTimer(); });
 }
 
+// Those who wait read ahead one by one, in turns of the event loop: a thousand would keep the heartbeat waiting.
 void ReadTurns::OnTimer() {
     isWatching = false;
     if (waiting.empty()) return;
-    if (line.Departed() != watchedFrom) return Watch();
-    stalledAt = watchedFrom;
-    isWatching = true;
-    ReadAhead();
-}
-
-// One reader in each turn of the event loop: a thousand would keep the heartbeat waiting.
-void ReadTurns::ReadAhead() {
-    isWatching = false;
-    if (waiting.empty()) return;
-    if (!IsStalled()) return Watch();
-    isWatching = true;
-    GiveTurn(allFrames);
-    asio::post(ioContext, [this] { ReadAhead(); });
+    if (line.Departed() == watchedFrom) stalledAt = watchedFrom;
+    const bool isStalled = IsStalled();
+    if (isStalled) GiveTurn(allFrames);
+    Watch(isStalled ? std::chrono::milliseconds(0) : stallLimit);
 }
 
 }  // namespace nox::tunnel_client

@@ -47,7 +47,7 @@ public:
 
     /// @param tunnel not owned, outlives this object
     ReadTurns(asio::io_context& io, const Line& tunnel, std::chrono::milliseconds stall)
-        : ioContext(io), line(tunnel), timer(io), stallLimit(stall) {}
+        : line(tunnel), timer(io), stallLimit(stall) {}
 
     /// @param ownFrames how many of the frames that wait are the asking reader's
     /// @return how many frames it may read now; 0: it has to wait for its turn
@@ -67,11 +67,9 @@ private:
     bool IsStalled() const { return stalledAt != never && line.Departed() == stalledAt; }
     int NextTurn();
     void GiveTurn(int frames);
-    void Watch();
+    void Watch(std::chrono::milliseconds delay);
     void OnTimer();
-    void ReadAhead();
 
-    asio::io_context& ioContext;
     const Line& line;
     std::deque<std::weak_ptr<Reader>> waiting;
     int turn = sharedFrames;      // frames in the last turn

@@ -56,8 +56,7 @@ void ServiceConnection::ListenToService() {
 }
 
 void ServiceConnection::LogListening() const {
-    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, listening to service",
-             params.sessionId.c_str());
+    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, listening to service", Id());
 }
 
 void ServiceConnection::WaitForService() {
@@ -115,14 +114,13 @@ int ServiceConnection::Upload(std::string_view bytes) {
 
 // Goes on after Stop too: what the service still sends is relayed until the socket is closed.
 void ServiceConnection::UploadFrame(std::string_view bytes) {
-    const char* id = params.sessionId.c_str();
-    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, received %d bytes from service", id,
+    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, received %d bytes from service", Id(),
              static_cast<int>(bytes.size()));
     owner->QueueMessage(TunnelMessage(dataFrame, params.sessionId, owner->Memory().Copy(bytes)));
-    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, pending uploads: %d", id,
+    LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, pending uploads: %d", Id(),
              uploads.Pending());
     if (uploads.OnQueued())
-        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, pausing listening to service", id);
+        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, pausing listening to service", Id());
 }
 
 // The line belongs right behind that of the frame; the next one may be finished in the same call.
@@ -136,13 +134,13 @@ void ServiceConnection::OnReadError(std::error_code error) {
     state = State::Failed;
     if (stopFlag) {
         LogWrite("ServiceConnection", __LINE__, logVerbose, "ListenToService error with stopFlag, session %s",
-                 params.sessionId.c_str());
+                 Id());
         return;
     }
     // Debug level, unlike a failed write: this is also how every service ends that simply hangs up.
     LogWrite("ServiceConnection", __LINE__, logDebug,
-             "ServiceConnection::ListenToService, session %s, (%d) %s", params.sessionId.c_str(),
-             error.value(), error.message().c_str());
+             "ServiceConnection::ListenToService, session %s, (%d) %s", Id(), error.value(),
+             error.message().c_str());
     owner->SendDisconnectSession(params.sessionId);
     Stop();
 }
@@ -152,8 +150,7 @@ void ServiceConnection::OnReadError(std::error_code error) {
 void ServiceConnection::QueueData(std::string_view payload) {
     if (state == State::Failed) return;
     if (queue.IsEmpty())
-        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, resume sending to service",
-                 params.sessionId.c_str());
+        LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, resume sending to service", Id());
     queue.Append(payload);
 }
 
@@ -174,19 +171,18 @@ void ServiceConnection::WriteQueue() {
     // While the connect is under way the write waits behind it. It must not be tried: a socket reports only once why
     // its connect failed.
     if (state == State::Connecting) return WaitForRoom();
-    const PayloadQueue::Pieces pieces = queue.Next(state == State::Failed);
+    const PayloadQueue::Pieces pieces = queue.Next(state == State::Failed ? 1 : SIZE_MAX);
     std::error_code error;
     const std::size_t size = socket.write_some(pieces, error);
     if (error && error != asio::error::would_block) return OnSendError(error);
     queue.Remove(size, [this](std::size_t payload) {
-        LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, sent %d bytes to service",
-                 params.sessionId.c_str(), static_cast<int>(payload));
+        LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, sent %d bytes to service", Id(),
+                 static_cast<int>(payload));
     });
-    if (size < pieces.Bytes()) return WaitForRoom();
+    if (size < asio::buffer_size(pieces)) return WaitForRoom();
     if (!queue.IsEmpty()) return asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
     isWriting = false;
-    LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing",
-             params.sessionId.c_str());
+    LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing", Id());
 }
 
 void ServiceConnection::WaitForRoom() {
@@ -202,11 +198,11 @@ void ServiceConnection::OnSendError(std::error_code error) {
     state = State::Failed;
     if (stopFlag) {
         LogWrite("ServiceConnection", __LINE__, logVerbose, "SendAsync error with stopFlag, session %s",
-                 params.sessionId.c_str());
+                 Id());
         return;
     }
     LogWrite("ServiceConnection", __LINE__, logError, "ServiceConnection::SendAsync, session %s: (%d) %s",
-             params.sessionId.c_str(), error.value(), error.message().c_str());
+             Id(), error.value(), error.message().c_str());
     owner->SendDisconnectSession(params.sessionId);
     Stop();
 }
@@ -216,7 +212,7 @@ void ServiceConnection::OnSendError(std::error_code error) {
 // The two delays let data in flight reach the service, and late reports still find the session in the table.
 void ServiceConnection::Stop() {
     LogWrite("ServiceConnection", __LINE__, logVerbose, "ServiceConnection::Stop() called for session %s",
-             params.sessionId.c_str());
+             Id());
     if (stopFlag) return;
     stopFlag = true;
     if (waitsForTurn) asio::post(ioContext, Weakly(&ServiceConnection::ReadWhatHasArrived));
@@ -238,8 +234,7 @@ void ServiceConnection::Wait(std::chrono::milliseconds delay,
 
 // The read and the write that are under way fail now; so does the read that waits for its turn.
 void ServiceConnection::OnCloseDelayOver(std::error_code) {
-    LogWrite("ServiceConnection", __LINE__, logDebug, "Closing session %s socket after timer delay",
-             params.sessionId.c_str());
+    LogWrite("ServiceConnection", __LINE__, logDebug, "Closing session %s socket after timer delay", Id());
     std::error_code ignored;  // nothing follows from a close that failed: the descriptor is gone either way
     socket.close(ignored);
     ReadWhatHasArrived();
@@ -247,8 +242,7 @@ void ServiceConnection::OnCloseDelayOver(std::error_code) {
 }
 
 void ServiceConnection::OnRemovalDelayOver(std::error_code) {
-    LogWrite("ServiceConnection", __LINE__, logDebug, "Stopping session %s after timer delay",
-             params.sessionId.c_str());
+    LogWrite("ServiceConnection", __LINE__, logDebug, "Stopping session %s after timer delay", Id());
     owner->RemoveStoppedSession(params.sessionId);
 }
 

@@ -77,6 +77,7 @@ private:
         };
     }
 
+    const char* Id() const { return params.sessionId.c_str(); }
     void OnConnected(std::error_code error);
 
     void ListenToService();
