@@ -12,6 +12,7 @@ FAIRNESS_LIMITS = {
     "memory of a queued payload B": 300, "memory drained KiB": 13000, "heartbeats off by s": 0.1}
 CPU_LIMITS = {("up", 1): 0.7, ("up", 8): 0.75, ("down", 1): 1.08, ("down", 8): 1.05}  # x floor
 WAYS = [(way, count) for way in ("up", "down") for count in (1, 8)]
+QUICK = ", quick (heartbeats: one interval instead of two; fair: nothing beside a single upload)"
 STREAMS = (1, 10, 64, 100, 1000)
 
 
@@ -36,7 +37,7 @@ def add_derived(values):
 def describe(result):
     machine = result["machine"]
     return (f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}, load {machine['load']:.1f} "
-            f"at the end of the run; {result['rounds']} rounds{', quick' if result['quick'] else ''}. "
+            f"at the end of the run; {result['rounds']} rounds{QUICK if result['quick'] else ''}. "
             "Median (least - greatest)." + "".join(f"\n- failed: {failure}" for failure in result["failures"]))
 
 

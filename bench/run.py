@@ -31,8 +31,8 @@ MEASURES = {
     "line": ({"slow": True}, lambda kind: kind.has_uplink, 1),
     "mallocs": ({"counts_mallocs": True}, lambda kind: kind in WITH_FLOOR, 1),
     "frames": ({"frame_bytes": 16384}, lambda kind: kind in WITH_FLOOR, 2),
-    "pieces": ({}, lambda kind: kind in WITH_FLOOR, 1),
-    "both": ({}, lambda kind: kind in WITH_FLOOR, 1),
+    "pieces": ({}, lambda kind: kind in WITH_FLOOR, 3),
+    "both": ({}, lambda kind: kind in AGENTS, 2),
     "fair": ({"slow": True}, lambda kind: kind in (*AGENTS, kinds.Ssh), 1),
     "queued": ({}, lambda kind: kind in AGENTS, 1),
     "drained": ({}, lambda kind: kind in AGENTS, 1),
@@ -81,6 +81,8 @@ def read_options():
     parser.add_argument("--tools", default="build/bench/bench", help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.before:
+        if not os.access(options.before + "/core/tunnel-client", os.X_OK):
+            parser.error(f"no agent has been built in {options.before}")
         kinds.Before.build = options.before
         kinds.FORWARDERS["before"] = kinds.Before
         options.forwarders.append("before")
