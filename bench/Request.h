@@ -19,7 +19,10 @@ enum Wish : char {
     replyTwice = 't',  ///< 64 bytes back in two writes
     upload = 'u',      ///< as many bytes from the service
     download = 'd',    ///< as many bytes to the service, and one back when it has them
-    echo = 'e'         ///< as many bytes to the service and back
+    echo = 'e',        ///< as many bytes to the service and back
+    bothWays = 'b',    ///< bytes from the service and to it at once, until the client goes
+    hold = 'h',        ///< nothing is read for as many milliseconds, then the connection is closed
+    leave = 'l'        ///< the connection is closed at once
 };
 
 inline Request MakeRequest(Wish wish, std::uint64_t bytes = 0) {

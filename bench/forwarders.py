@@ -9,6 +9,7 @@ import json
 import os
 import re
 import resource
+import signal
 import socket
 import struct
 import subprocess
@@ -49,7 +50,11 @@ class Process:
             time.sleep(0.02)
         raise RuntimeError(f"{self.name} did not say {pattern!r}, see {self.log}")
 
+    def signal(self, number):
+        self.process.send_signal(number)
+
     def stop(self):
+        self.process.send_signal(signal.SIGCONT)  # one that stands still would not end
         self.process.terminate()
         try:
             self.process.wait(5)
@@ -63,9 +68,9 @@ class Forwarder:
 
     has_uplink = True  # the device's side and the cloud's are two processes with a connection between them
 
-    def __init__(self, tools, folder, service_port, slow=False, counts_mallocs=False):
+    def __init__(self, tools, folder, service_port, slow=False, counts_mallocs=False, frame_bytes=None):
         self.tools, self.folder, self.service_port = tools, folder, service_port
-        self.slow, self.counts_mallocs = slow, counts_mallocs
+        self.slow, self.counts_mallocs, self.frame_bytes = slow, counts_mallocs, frame_bytes
         self.processes, self.device, self.proxy = [], None, None
 
     def __enter__(self):
@@ -168,8 +173,10 @@ class WithLab(Forwarder):
 
     def start(self):
         self.config, self.environment = self.folder + "/agent.json", self.folder + "/agent.env"
-        lab = self.run("lab", self.tools + "/../lab/tunnel-lab", "--write-config", self.config, "--write-env",
-                       self.environment, "--route", f"bench={self.service_port}")
+        frames = ["--frame-bytes", str(self.frame_bytes)] if self.frame_bytes else []
+        self.lab = lab = self.run(
+            "lab", self.tools + "/../lab/tunnel-lab", "--write-config", self.config, "--write-env",
+            self.environment, "--route", f"bench={self.service_port}", *frames)
         self.sso, self.api, self.tunnel = (
             int(lab.wait_for(rf"^{name} .*:(\d+)$")[1]) for name in ("sso", "api", "tunnel"))
         lab.wait_for("^ready$")
@@ -179,7 +186,8 @@ class WithLab(Forwarder):
 
 
 class Agent(WithLab):
-    name = "agent"
+    name, build = "agent", None
+
 
     def start_device(self):
         environment = self.device_environment()
@@ -188,8 +196,14 @@ class Agent(WithLab):
         if self.slow:  # an HTTP proxy tells the agent that the tunnel server is where the line begins
             self.proxy = Proxy(self.api, {f":{self.tunnel}\"": f":{self.via_line(self.tunnel)}\""})
             environment.update(http_proxy=f"http://127.0.0.1:{self.proxy.server_port}", no_proxy="")
-        agent = on_device(self.tools + "/../core/tunnel-client", self.config)
+        agent = on_device((self.build or self.tools + "/..") + "/core/tunnel-client", self.config)
         self.device = self.run(self.name, *agent, env=environment)
+
+
+class Before(Agent):
+    """Another build of the agent, an earlier one; all that surrounds it is today's."""
+
+    name = "before"  # and `build` its folder, when there is one to measure
 
 
 class Floor(WithLab):

@@ -16,6 +16,10 @@ import forwarders as kinds
 import measures
 import report
 
+AGENTS = (kinds.Agent, kinds.Before)
+WITH_FLOOR = (*AGENTS, kinds.Floor)
+WITHOUT_A_PAST = ("memory", "queued", "drained")  # wanted by these
+
 # Name, how the forwarder must stand for it, which forwarders can, and how many times in a round, with new processes each
 # time: some figures depend on where a process's memory happens to lie.
 MEASURES = {
@@ -25,7 +29,13 @@ MEASURES = {
     "sessions": ({}, lambda kind: True, 2),
     "memory": ({}, lambda kind: kind is not kinds.Direct, 1),
     "line": ({"slow": True}, lambda kind: kind.has_uplink, 1),
-    "mallocs": ({"counts_mallocs": True}, lambda kind: kind in (kinds.Agent, kinds.Floor), 1),
+    "mallocs": ({"counts_mallocs": True}, lambda kind: kind in WITH_FLOOR, 1),
+    "frames": ({"frame_bytes": 16384}, lambda kind: kind in WITH_FLOOR, 2),
+    "pieces": ({}, lambda kind: kind in WITH_FLOOR, 3),
+    "both": ({}, lambda kind: kind in AGENTS, 2),
+    "fair": ({"slow": True}, lambda kind: kind in (*AGENTS, kinds.Ssh), 1),
+    "queued": ({}, lambda kind: kind in AGENTS, 1),
+    "drained": ({}, lambda kind: kind in AGENTS, 1),
 }
 
 
@@ -46,6 +56,8 @@ def main():
                     measure_parts(options, parts)
             if "idle" in options.only:
                 measure_idle(options, folder, port, figures)
+            if "heartbeats" in options.only:
+                failures += measure_heartbeats(options, folder, port, figures)
         finally:
             service.stop()
     result = {"machine": machine(), "quick": options.quick, "rounds": options.rounds, "failures": failures,
@@ -58,15 +70,22 @@ def main():
 
 def read_options():
     parser = argparse.ArgumentParser(prog="bench.sh")
-    every = [*MEASURES, "idle", "parts"]
+    every = [*MEASURES, "idle", "heartbeats", "parts"]
     parser.add_argument("--quick", action="store_true", help="one round of short measurements")
     parser.add_argument("--rounds", type=int, help="how often each is measured [5, quick: 1]")
     parser.add_argument("--output", default="build/bench/results", help="folder of results and plots [%(default)s]")
     parser.add_argument("--only", nargs="+", choices=every, default=every, metavar="WHAT", help=f"of {' '.join(every)}")
     parser.add_argument("--forwarders", nargs="+", choices=kinds.FORWARDERS, default=list(kinds.FORWARDERS),
                         metavar="NAME", help=f"of {' '.join(kinds.FORWARDERS)}")
+    parser.add_argument("--before", metavar="DIR", help="also the agent of another build folder, as \"before\"")
     parser.add_argument("--tools", default="build/bench/bench", help=argparse.SUPPRESS)
     options = parser.parse_args()
+    if options.before:
+        if not os.access(options.before + "/core/tunnel-client", os.X_OK):
+            parser.error(f"no agent has been built in {options.before}")
+        kinds.Before.build = options.before
+        kinds.FORWARDERS["before"] = kinds.Before
+        options.forwarders.append("before")
     options.rounds = options.rounds or (1 if options.quick else 5)
     return options
 
@@ -121,10 +140,10 @@ def figures_of(name, measure, manner, options, folder, port):
     """The measurement's steps, on a forwarder that stands as long as this generator lives."""
     with tempfile.TemporaryDirectory(dir=folder) as own:
         with kinds.FORWARDERS[name](options.tools, own, port, **manner) as forwarder:
-            if measure != "memory":  # which wants a process without a past
+            if measure not in WITHOUT_A_PAST:
                 measures.prove(forwarder)
             yield from getattr(measures, measure)(forwarder, options.quick)
-            if measure == "memory":
+            if measure in WITHOUT_A_PAST:
                 measures.prove(forwarder)
 
 
@@ -142,6 +161,22 @@ def measure_idle(options, folder, port, figures):
     finally:
         for forwarder in standing:
             forwarder.__exit__()
+
+
+def measure_heartbeats(options, folder, port, figures):
+    with contextlib.ExitStack() as ends:
+        standing = []
+        for name in options.forwarders:
+            if kinds.FORWARDERS[name] in AGENTS:
+                own = tempfile.mkdtemp(dir=folder)
+                standing.append(ends.enter_context(kinds.FORWARDERS[name](options.tools, own, port, slow=True)))
+        try:
+            for name, figure, value in measures.heartbeats(standing, options.quick):
+                figures[name][figure] = [value]
+        except (RuntimeError, OSError, subprocess.SubprocessError) as error:
+            print("  FAILED agent heartbeats:", error, flush=True)
+            return [f"agent heartbeats: {error}"]
+    return []
 
 
 def measure_parts(options, parts):

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <asio.hpp>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -18,6 +19,7 @@ using bench::requestBytes;
 constexpr std::size_t chunkBytes = 262144;
 
 /// One client, which its operations keep alive.  Ask -> OnRequest -> Reply / Send / Receive / Echo -> Ask ...
+/// It hangs up when it is asked to leave, or has held on for as long as it was asked to.
 class Client : public std::enable_shared_from_this<Client> {
     // A handler that hangs up after an error: the last one to go takes the client with it.
     template <typename Next>
@@ -49,7 +51,9 @@ private:
             case bench::upload: return Send();
             case bench::download: return Receive();
             case bench::echo: return Echo();
-            default: return;
+            case bench::bothWays: return GiveAndTake();
+            case bench::hold: return Hold();
+            default: return;  // leave
         }
     }
 
@@ -78,6 +82,24 @@ private:
                                }));
     }
 
+    void GiveAndTake() {
+        Give();
+        Take();
+    }
+
+    void Give() {
+        socket.async_write_some(asio::buffer(nobodyLooks), Then([this](auto) { Give(); }));
+    }
+
+    void Take() {
+        socket.async_read_some(asio::buffer(nobodyLooks), Then([this](auto) { Take(); }));
+    }
+
+    void Hold() {
+        pause.expires_after(std::chrono::milliseconds(left));
+        pause.async_wait([self = shared_from_this()](auto) {});
+    }
+
     void Echo() {
         if (left == 0) return Ask();
         own.resize(chunkBytes);
@@ -91,6 +113,7 @@ private:
     static std::string nobodyLooks;  // one for all clients
 
     tcp::socket socket;
+    asio::steady_timer pause{socket.get_executor()};
     bench::Request request{};
     std::uint64_t left = 0;
     std::string own;

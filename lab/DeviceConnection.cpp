@@ -28,12 +28,13 @@ std::string FaultOf(const ControlMessage& verify, const Credentials* credentials
 }  // namespace
 
 DeviceConnection::DeviceConnection(tcp::socket device, Owner& connectionOwner, const Timings& labTimings,
-                                   Report& reportOfLab)
+                                   std::size_t largestPayload, Report& reportOfLab)
     : socket(std::move(device)),
       peer(PeerOf(socket)),
       timer(socket.get_executor(), labTimings.verifyLimit),
       owner(connectionOwner),
       timings(labTimings),
+      frameBytes(largestPayload),
       report(reportOfLab) {}
 
 void DeviceConnection::Start() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <asio.hpp>
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <map>
@@ -42,7 +43,7 @@ public:
     };
 
     DeviceConnection(asio::ip::tcp::socket device, Owner& connectionOwner, const Timings& labTimings,
-                     Report& reportOfLab);
+                     std::size_t largestPayload, Report& reportOfLab);
     void Start();
     /// Joins a client to a service of this device, which must be verified.
     void OpenSession(const std::string& id, const Route& route, asio::ip::tcp::socket client);
@@ -73,6 +74,7 @@ private:
 
     bool HasRoom() const override { return toDevice->Size() < deviceBacklogBytes; }
     void WaitForRoom(const std::shared_ptr<Session>& session) override { waiting.push_back(session); }
+    std::size_t FrameBytes() const override { return frameBytes; }
     ByteBuffer& Frames() override { return toDevice->Back(); }
     void Flush() override;
     void SendEndSession(const std::shared_ptr<Session>& session) override;
@@ -90,6 +92,7 @@ private:
     asio::steady_timer timer;  // the limit of Verifying, then of Farewell
     Owner& owner;
     const Timings& timings;
+    const std::size_t frameBytes;
     Report& report;
 
     std::string

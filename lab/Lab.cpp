@@ -5,11 +5,11 @@
 namespace lab {
 
 Lab::Lab(asio::io_context& loop, Ports wantedPorts, Timings delays, const Identity& identity,
-         Report::Sink sink)
+         Report::Sink sink, std::size_t frameBytes)
     : ports(std::move(wantedPorts)),
       timings(delays),
       report(std::move(sink)),
-      tunnel(loop, ports, timings, directory, report),
+      tunnel(loop, ports, timings, frameBytes, directory, report),
       routes(loop, ports, report,
              [this](const Route& route, asio::ip::tcp::socket client) {
                  tunnel.OnClient(route, std::move(client));

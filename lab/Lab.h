@@ -1,10 +1,12 @@
 #pragma once
 
 #include <asio.hpp>
+#include <cstddef>
 #include <memory>
 #include <string>
 
 #include "lab/Directory.h"
+#include "lab/Frame.h"
 #include "lab/Registration.h"
 #include "lab/RegistrationApi.h"
 #include "lab/Report.h"
@@ -25,9 +27,10 @@ public:
     };
 
     /// Listens at once; `loop` makes it live.
+    /// @param frameBytes the largest payload of the frames that it sends
     /// @throws std::system_error when a port cannot be had, naming it
     Lab(asio::io_context& loop, Ports wantedPorts, Timings delays, const Identity& identity,
-        Report::Sink sink);
+        Report::Sink sink, std::size_t frameBytes = maxPayloadBytes);
 
     /// Closes everything; then `loop` runs out of work.
     void Stop();

@@ -108,6 +108,10 @@ Options ReadOptions(int argc, char** argv) {
            "A report line every so often [only at the end and on SIGUSR1]")
         ->check(CLI::Range(0, 86400))
         ->type_name("SECONDS");
+    app.add_option("--frame-bytes", options.frameBytes,
+                   "Largest payload of the frames that it sends [" + std::to_string(maxPayloadBytes) + "]")
+        ->check(CLI::Range(std::size_t{1}, maxPayloadBytes))
+        ->type_name("N");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

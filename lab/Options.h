@@ -1,9 +1,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "lab/AgentFiles.h"
+#include "lab/Frame.h"
 #include "lab/Settings.h"
 
 namespace lab {
@@ -14,7 +16,8 @@ struct Options {
     AgentSettings agent;
     std::string apiVersion = "2.1.0";
     std::string configFile, environmentFile;  ///< empty: not written
-    std::chrono::seconds reportEvery{0};      ///< 0: never
+    std::size_t frameBytes = maxPayloadBytes;
+    std::chrono::seconds reportEvery{0};  ///< 0: never
 };
 
 /// Thrown when there is nothing to run: help was asked for, or the command line is wrong.

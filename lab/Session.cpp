@@ -51,8 +51,8 @@ void Session::OnReadable(std::error_code error) {
 
 std::error_code Session::ReadFrame() {
     std::error_code error;
-    char* frame = link.Frames().Reserve(frameHeaderBytes + maxPayloadBytes);
-    const auto size = socket.read_some(asio::buffer(frame + frameHeaderBytes, maxPayloadBytes), error);
+    char* frame = link.Frames().Reserve(frameHeaderBytes + link.FrameBytes());
+    const auto size = socket.read_some(asio::buffer(frame + frameHeaderBytes, link.FrameBytes()), error);
     if (size == 0 || state != State::Open) return error;
     const auto header = EncodeHeader(dataFrame, size, id);
     std::copy(header.begin(), header.end(), frame);

@@ -2,6 +2,7 @@
 
 #include <asio.hpp>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -21,7 +22,8 @@ public:
     virtual ~DeviceLink() = default;
     virtual bool HasRoom() const = 0;                                       ///< for another frame of data
     virtual void WaitForRoom(const std::shared_ptr<Session>& session) = 0;  ///< calls its ReadMore then, once
-    virtual ByteBuffer& Frames() = 0;  ///< takes whole frames; Flush sends them
+    virtual std::size_t FrameBytes() const = 0;  ///< the largest payload of a frame
+    virtual ByteBuffer& Frames() = 0;            ///< takes whole frames; Flush sends them
     virtual void Flush() = 0;
     /// Calls the session's OnEndSent when the message has left, and all the session's data before it.
     virtual void SendEndSession(const std::shared_ptr<Session>& session) = 0;

@@ -18,8 +18,9 @@ std::string SessionId(std::uint64_t number) {
 }  // namespace
 
 TunnelServer::TunnelServer(asio::io_context& io, const Ports& ports, const Timings& labTimings,
-                           const Directory& knownDevices, Report& reportOfLab)
+                           std::size_t largestPayload, const Directory& knownDevices, Report& reportOfLab)
     : timings(labTimings),
+      frameBytes(largestPayload),
       directory(knownDevices),
       report(reportOfLab),
       listener(std::make_shared<Listener>(io, tcp::endpoint(ports.address, ports.tunnel), report,
@@ -30,7 +31,8 @@ TunnelServer::TunnelServer(asio::io_context& io, const Ports& ports, const Timin
 void TunnelServer::OnDevice(tcp::socket device) {
     if (connections.size() == maxDeviceConnections) return report.Error("tunnel: too many connections");
     DeviceConnection::Owner& self = *this;
-    const auto connection = std::make_shared<DeviceConnection>(std::move(device), self, timings, report);
+    const auto connection =
+        std::make_shared<DeviceConnection>(std::move(device), self, timings, frameBytes, report);
     connections.insert(connection);
     connection->Start();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <asio.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -18,7 +19,7 @@ class TunnelServer final : DeviceConnection::Owner {
 public:
     /// @throws std::system_error when the port cannot be had
     TunnelServer(asio::io_context& io, const Ports& ports, const Timings& labTimings,
-                 const Directory& knownDevices, Report& reportOfLab);
+                 std::size_t largestPayload, const Directory& knownDevices, Report& reportOfLab);
     TunnelServer(const TunnelServer&) = delete;
     TunnelServer& operator=(const TunnelServer&) = delete;
 
@@ -35,6 +36,7 @@ private:
     void OnOver(DeviceConnection& connection) override;
 
     const Timings& timings;
+    const std::size_t frameBytes;
     const Directory& directory;
     Report& report;
     std::set<std::shared_ptr<DeviceConnection>> connections;

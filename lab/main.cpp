@@ -23,7 +23,8 @@ class Program {
 public:
     explicit Program(const lab::Options& givenOptions)
         : options(givenOptions),
-          lab(io, options.ports, {}, {options.agent.deviceId, options.apiVersion}, Print) {}
+          lab(io, options.ports, {}, {options.agent.deviceId, options.apiVersion}, Print,
+              options.frameBytes) {}
 
     void Run() {
         Announce();

@@ -2,12 +2,15 @@
 # Measures the agent beside the least that any agent must do (the floor), ssh -R, a plain relay, and nothing at all:
 # starts them all and lets them take turns, in random order, several rounds; prints medians, spread, ratios and goals.
 #
-# Usage: scripts/bench.sh [--quick] [--rounds N] [--output DIR] [--only WHAT...] [--forwarders NAME...]
+# Usage: scripts/bench.sh [--quick] [--rounds N] [--output DIR] [--only WHAT...] [--forwarders NAME...] [--before DIR]
 #   --quick       one round of short measurements
 #   --rounds      how often each is measured, instead of 5
 #   --output      where results.json, figures.md and the plots go, instead of build/bench/results
-#   --only        some of: bulk roundtrip streams sessions memory line mallocs idle parts
+#   --only        some of: bulk roundtrip streams sessions memory line mallocs frames pieces both fair queued drained idle
+#                 heartbeats parts
 #   --forwarders  some of: direct floor haproxy ssh agent
+#   --before      also the agent of another build folder, of an earlier checkout, as the forwarder "before"; its agent
+#                 only, what surrounds it is this build's
 #
 # Installs what is missing first. Everything stays on the loopback interface, with keys and files that do not stay.
 # Nothing else should run meanwhile; docs/performance.md says how to read what comes out.

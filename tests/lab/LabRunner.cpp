@@ -16,12 +16,12 @@ Timings LabRunner::Short() {
     return timings;
 }
 
-LabRunner::LabRunner(Ports ports, Timings timings) {
+LabRunner::LabRunner(Ports ports, Timings timings, std::size_t frameBytes) {
     const auto keep = [this](const std::string& line) {
         const std::lock_guard<std::mutex> lock(mutex);
         lines.push_back(line);
     };
-    lab = std::make_unique<Lab>(io, std::move(ports), timings, Lab::Identity{}, keep);
+    lab = std::make_unique<Lab>(io, std::move(ports), timings, Lab::Identity{}, keep, frameBytes);
     thread = std::thread([this] { io.run(); });
 }
 

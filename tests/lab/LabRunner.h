@@ -19,7 +19,7 @@ namespace lab {
 /// A lab on a thread of its own; keeps what it tells.
 class LabRunner {
 public:
-    explicit LabRunner(Ports ports = {}, Timings timings = Short());
+    explicit LabRunner(Ports ports = {}, Timings timings = Short(), std::size_t frameBytes = maxPayloadBytes);
     ~LabRunner();
     /// Three seconds where a test waits for the end of them, for a busy machine may stand still for one; clients
     /// that take nothing have the usual time.

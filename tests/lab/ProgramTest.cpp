@@ -24,6 +24,9 @@ TEST(ProgramTest, RefusesABadCommandLineWithAMessage) {
         {{"--agent-log-level", "loud"}, 2, "--agent-log-level"},
         {{"--device-name", "a\nDEVICE_ID=b"}, 2, "control characters"},
         {{"--reconnect", "-1"}, 2, "--reconnect"},
+        {{"--frame-bytes", "0"}, 2, "--frame-bytes"},
+        {{"--frame-bytes", "131073"}, 2, "--frame-bytes"},
+        {{"--frame-bytes", "16K"}, 2, "--frame-bytes"},
         {{"--write-config", "/nowhere/a.json"}, 1, "cannot write /nowhere/a.json: No such file"},
         {{"--bind", "192.0.2.1"}, 1, "cannot listen on 192.0.2.1:0: "}};
     for (auto [arguments, status, message] : rows) {

@@ -160,6 +160,23 @@ TEST(LateBytesTest, ThatWaitBehindABlockedSessionStillArrive) {
     writing.get();
 }
 
+TEST(FrameBytesTest, NoPayloadIsLargerAndAllOfItArrives) {
+    constexpr std::size_t frameBytes = 300;
+    LabRunner lab({}, LabRunner::Short(), frameBytes);
+    ScriptedDevice device(lab);
+    device.Connect();
+    auto [client, session] = device.Client();
+    const std::string content = Pattern(10 * frameBytes + 1);
+    client.Write(content);
+    std::string arrived;
+    while (arrived.size() < content.size()) {
+        const Frame frame = ReadFrame(device.tunnel);
+        EXPECT_LE(frame.payload.size(), frameBytes);
+        arrived += frame.payload;
+    }
+    EXPECT_TRUE(arrived == content);
+}
+
 TEST_F(SessionTest, ClientsComeAndGoWhileTheDeviceTakesNothing) {
     WriteUntilStuck(client, Pattern(64 * mebibyte));
     const auto port = lab.RoutePort("d1", "web");

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <asio.hpp>
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/load/Client.h"
+
+namespace load {
+
+/// Clients that read what the service sends them as fast as it comes, on a thread of their own, until this is
+/// destroyed, which closes their connections in the middle of it.
+class Flood {
+public:
+    /// @param wish upload, or bothWays, which the clients write for as fast as it goes, too
+    /// @param bytesEach that the service sends to each
+    explicit Flood(std::size_t count, bench::Wish wish = bench::upload, std::uint64_t bytesEach = endless);
+    ~Flood();
+    Flood(const Flood&) = delete;
+    Flood& operator=(const Flood&) = delete;
+
+    /// By all together.
+    std::uint64_t Received() const { return received; }
+    std::uint64_t Sent() const { return sent; }
+    /// @throws std::runtime_error when nothing more comes
+    void WaitUntilReceived(std::uint64_t bytes) const;
+    void EndOne();  ///< closes one connection in the middle of what it reads
+
+private:
+    void Read(tcp::socket& socket);
+    void Write(tcp::socket& socket);
+
+    asio::io_context io{1};
+    std::string nobodyLooks = std::string(chunkBytes, '.');  // one for all clients
+    std::vector<tcp::socket> sockets;
+    std::atomic<std::uint64_t> received{0}, sent{0};
+    std::thread thread;
+};
+
+}  // namespace load
