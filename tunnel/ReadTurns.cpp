@@ -5,11 +5,24 @@
 
 namespace nox::tunnel_client {
 
-// The count of own frames can be below zero; an empty queue is free for everybody all the same.
-int ReadTurns::MayRead(int ownFrames) const {
+int ReadTurns::MayRead(const Reader& reader, int ownFrames) {
     if (IsStalled()) return allFrames;
-    const bool isFree = line.FramesWaiting() <= static_cast<std::size_t>(std::max(ownFrames, 0));
-    return isFree && waiting.empty() ? aloneFrames : 0;
+    if (!waiting.empty() || !IsFreeFor(reader, ownFrames)) return 0;
+    Note(reader);
+    return aloneFrames;
+}
+
+// The count of own frames can be below zero; an empty queue is free for everybody all the same.
+bool ReadTurns::IsFreeFor(const Reader& reader, int ownFrames) const {
+    if (line.FramesWaiting() == 0) return true;
+    const bool isShared = &reader != lastReader || Clock::now() < sharedUntil;
+    return !isShared && line.FramesWaiting() <= static_cast<std::size_t>(std::max(ownFrames, 0));
+}
+
+void ReadTurns::Note(const Reader& reader) {
+    if (&reader == lastReader) return;
+    if (lastReader != nullptr) sharedUntil = Clock::now() + 20 * stallLimit;
+    lastReader = &reader;
 }
 
 void ReadTurns::Wait(std::weak_ptr<Reader> reader) {
@@ -28,14 +41,17 @@ void ReadTurns::GiveTurns() {
 
 int ReadTurns::NextTurn() {
     const bool hadToWait = std::exchange(waitsSeen, line.Waits()) != line.Waits();
-    turn = hadToWait ? 1 : std::min(2 * turn, sharedFrames);
+    freeTurns = hadToWait ? 0 : freeTurns + 1;
+    turn = freeTurns < 2 ? 1 : std::min(2 * turn, sharedFrames);
     return waiting.size() == 1 ? aloneFrames : turn;
 }
 
 void ReadTurns::GiveTurn(int frames) {
     const auto reader = waiting.front().lock();
     waiting.pop_front();
-    if (reader) reader->ReadInTurn(frames);
+    if (!reader) return;
+    Note(*reader);
+    reader->ReadInTurn(frames);
 }
 
 void ReadTurns::Watch(std::chrono::milliseconds delay) {
@@ -45,14 +61,15 @@ void ReadTurns::Watch(std::chrono::milliseconds delay) {
     timer.async_wait([this](std::error_code) { OnTimer(); });
 }
 
-// Those who wait read ahead one by one, in turns of the event loop: a thousand would keep the heartbeat waiting.
+// Those who wait read ahead one by one, with pauses between: after a short standstill only a few have, and the others'
+// frames do not wait behind all that a hundred can read ahead.
 void ReadTurns::OnTimer() {
     isWatching = false;
     if (waiting.empty()) return;
     if (line.Departed() == watchedFrom) stalledAt = watchedFrom;
     const bool isStalled = IsStalled();
     if (isStalled) GiveTurn(allFrames);
-    Watch(isStalled ? std::chrono::milliseconds(0) : stallLimit);
+    Watch(isStalled ? stallLimit / 25 : stallLimit);
 }
 
 }  // namespace nox::tunnel_client

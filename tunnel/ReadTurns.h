@@ -51,7 +51,7 @@ public:
 
     /// @param ownFrames how many of the frames that wait are the asking reader's
     /// @return how many frames it may read now; 0: it has to wait for its turn
-    int MayRead(int ownFrames) const;
+    int MayRead(const Reader& reader, int ownFrames);
     /// Calls ReadInTurn once, later, unless the reader is gone or has left by then.
     void Wait(std::weak_ptr<Reader> reader);
     /// The reader does not wait any more.
@@ -64,6 +64,10 @@ private:
     static constexpr int aloneFrames = 8;   // in a turn that nobody else waits for
     static constexpr int sharedFrames = 4;  // in another, at most
 
+    using Clock = std::chrono::steady_clock;
+
+    bool IsFreeFor(const Reader& reader, int ownFrames) const;
+    void Note(const Reader& reader);
     bool IsStalled() const { return stalledAt != never && line.Departed() == stalledAt; }
     int NextTurn();
     void GiveTurn(int frames);
@@ -72,7 +76,10 @@ private:
 
     const Line& line;
     std::deque<std::weak_ptr<Reader>> waiting;
-    int turn = sharedFrames;      // frames in the last turn
+    const Reader* lastReader = nullptr;  // who read last; only compared, it may be gone
+    Clock::time_point sharedUntil{};     // for a while after another has read, nobody reads ahead
+    int turn = 1;                 // frames in the last turn
+    int freeTurns = 0;            // in a row that the line did not have to be waited for
     std::uint64_t waitsSeen = 0;  // of the line, by then
     asio::steady_timer timer;
     std::chrono::milliseconds stallLimit;

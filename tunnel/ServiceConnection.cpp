@@ -67,7 +67,7 @@ void ServiceConnection::WaitForService() {
 // The end of the service does not wait for a turn: when nothing is left to read, it is read at once.
 void ServiceConnection::OnReadable(std::error_code error) {
     if (error) return OnReadError(error);
-    const int frames = owner->Turns().MayRead(uploads.Pending());
+    const int frames = owner->Turns().MayRead(*this, uploads.Pending());
     if (frames > 0 || !HasArrived()) return ReadService(std::max(frames, 1));
     waitsForTurn = true;
     owner->Turns().Wait(weak_from_this());
