@@ -75,6 +75,7 @@ def move(forwarder, size, direction, streams):
 
 
 def moved(forwarder, *words):
+    """The same of any load that tells bytes and seconds."""
     with Load(forwarder, *words) as run:
         before = cpu_seconds(forwarder)
         result = run.finish()
@@ -145,21 +146,22 @@ def line(forwarder, quick):
 def fair(forwarder, quick):
     """On a forwarder that stands with the slow line: what busy sessions leave to others. Only one goal is about ssh,
     and it is beside eight."""
-    rested = 0.0
+    quiet_from = 0.0  # when nothing is left of the load before
     for uploads in (8,) if forwarder.name == "ssh" else (8, 64) if quick else (1, 8, 64):
         closes = {1: 0, 8: 4, 64: 3}[uploads]
         seconds = 4 if quick else 12 if uploads == 64 else 6
-        time.sleep(max(0, rested - time.monotonic()))
+        time.sleep(max(0, quiet_from - time.monotonic()))
         with Load(forwarder, "beside", uploads, seconds, closes) as run:
             result = run.finish()
-        rested = time.monotonic() + LATE
+        quiet_from = time.monotonic() + LATE
         values = {f"fair beside {uploads} p50 ms": result["p50"],
+                  f"fair beside {uploads}, uploads MB/s": result["bytes per s"] / 1e6,
                   f"fair beside {uploads}, one ended, worst ms": result["worst after"]}
         if closes:
             values[f"fair beside {uploads}, close seen ms"] = result["closed"]
         yield values
     if forwarder.name != "ssh":
-        time.sleep(max(0, rested - time.monotonic()))
+        time.sleep(max(0, quiet_from - time.monotonic()))
         with Load(forwarder, "skips", 2 if quick else 4, 3) as run:
             yield {"fair beside skips, worst ms": run.finish()["worst"]}
 

@@ -61,6 +61,7 @@ void Pieces(std::size_t count, const Words& words) {
 
 void Both(std::size_t seconds, const Words& words) {
     const Flood flood(std::stoul(words.at(0)), bench::bothWays);
+    flood.WaitUntilReceived(1);
     std::this_thread::sleep_for(settling);
     WaitForStart();
     const auto start = Clock::now();
@@ -78,7 +79,7 @@ void RoundTrip(std::size_t count, const Words& words) {
     auto socket = ConnectMany(1);
     if (words.size() > 1) {
         std::thread([direction = words[1]] { Streams(1, direction).Move(endless); }).detach();
-        std::this_thread::sleep_for(settling);  // until its buffers are full
+        std::this_thread::sleep_for(settling);
     }
     WaitForStart();
     std::vector<double> micros;

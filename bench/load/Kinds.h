@@ -32,21 +32,21 @@ void Idle(std::size_t sessions, const Words& words);
 /// flood SESSIONS: uploads until a line is read.
 void Uploads(std::size_t sessions, const Words& words);
 
-/// beside UPLOADS SECONDS CLOSES: beside so many uploads, round trips of 64 bytes for so long; then how long it takes
-/// until the client of a quiet session sees that its service has closed it, for so many sessions; then the worst round
-/// trip of six seconds, after the client of one upload has gone.
+/// beside UPLOADS SECONDS CLOSES: beside so many uploads, round trips of 64 bytes for so long; then how long
+/// it takes until the client of a quiet session sees that its service has closed it, for so many sessions;
+/// then the worst round trip of six seconds, after the client of one upload has gone.
 void Beside(std::size_t uploads, const Words& words);
 
-/// skips TIMES SECONDS: the worst round trip beside a client that watches so many recordings, each for so long, the
-/// next at once after the one before.
+/// skips TIMES SECONDS: the worst round trip beside a client that watches so many recordings, each for so
+/// long, the next at once after the one before.
 void Skips(std::size_t times, const Words& words);
 
-/// queued PAYLOADS BYTES: payloads of so many bytes, each a frame of its own with large frames of another session
-/// around it, to a service that does not read. "ready" a second time, when they are queued.
+/// queued PAYLOADS BYTES: payloads of so many bytes, each a frame of its own with large frames of another
+/// session around it, to a service that does not read. "ready" a second time, when they are queued.
 void Queued(std::size_t payloads, const Words& words);
 
-/// drained SESSIONS BYTES: that many bytes from the service through each session. "ready" when they are on their way, and
-/// again when they have all come and only one idle session is left.
+/// drained SESSIONS BYTES: that many bytes from the service through each session. "ready" when they are on
+/// their way, and again when they have all come and only one idle session is left.
 void Drained(std::size_t sessions, const Words& words);
 
 }  // namespace load
