@@ -51,7 +51,7 @@ void FrameReader::GuardBuffer() {
 void FrameReader::OnRead(std::error_code error, std::size_t size) {
     if (error) {
         LogReadError(error);
-        return owner.OnReadFailed();
+        return owner.Stop();
     }
     end += size;
     HandleFrames();
@@ -62,11 +62,10 @@ void FrameReader::HandleFrames() {
     for (; frames < maxBatch && HasFrame(); ++frames) HandleFrame();
     owner.OnBatchOver();
     GuardBuffer();
-    if (IsRefused()) return owner.OnReadFailed();
+    if (IsRefused()) return owner.Stop();
     if (isOver) return;
-    frames < maxBatch ? Read()
-                      : asio::post(
-                            ioContext, [this] { HandleFrames(); });
+    if (frames < maxBatch) return Read();
+    asio::post(ioContext, [this] { HandleFrames(); });
 }
 
 bool FrameReader::HasFrame() {

@@ -27,13 +27,11 @@ public:
         /// The memory of the payloads handed out so far will be used again.
         virtual void OnBatchOver() = 0;
         /// Nothing more will be read: the connection broke, or announced too large a frame. It has been logged.
-        virtual void OnReadFailed() = 0;
+        virtual void Stop() = 0;
     };
 
     /// @param io, tunnel, frameOwner not owned, outlive the reader and its operations
     FrameReader(asio::io_context& io, asio::ip::tcp::socket& tunnel, Owner& frameOwner);
-    FrameReader(const FrameReader&) = delete;
-    FrameReader& operator=(const FrameReader&) = delete;
     ~FrameReader();
 
     /// Starts reading; goes on until the owner ends it or the socket fails.

@@ -75,7 +75,7 @@ void FrameWriter::WaitForSocket() {
 void FrameWriter::OnSendError(std::error_code error) {
     LogWrite("TunnelClient", 411, logError, "TunnelClient::SendAsync: (%d) %s", error.value(),
              error.message().c_str());
-    owner.OnSendFailed();
+    owner.Stop();
 }
 
 void FrameWriter::Finish(std::size_t size) {

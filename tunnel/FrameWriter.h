@@ -28,14 +28,12 @@ public:
         /// No frame waits any more.
         virtual void OnQueueEmpty() = 0;
         /// Nothing more will be written. It has been logged.
-        virtual void OnSendFailed() = 0;
+        virtual void Stop() = 0;
     };
 
     /// @param io, tunnel, frameOwner not owned, outlive the writer and its operations
     FrameWriter(asio::io_context& io, asio::ip::tcp::socket& tunnel, Owner& frameOwner)
         : ioContext(io), socket(tunnel), owner(frameOwner) {}
-    FrameWriter(const FrameWriter&) = delete;
-    FrameWriter& operator=(const FrameWriter&) = delete;
 
     /// Takes frames in whatever state the connection is: they are written until its socket closes.
     void QueueMessage(TunnelMessage frame);

@@ -31,6 +31,8 @@ public:
     void KeepArrived();
 
     bool IsEmpty() const { return kept.empty() && arrived.empty(); }
+    /// Whether payloads have been kept: they are written in the order of their arrival, so a write is under way.
+    bool IsBeingWritten() const { return !kept.empty(); }
     /// Whether the first payload has been written in part.
     bool HasBegun() const { return sentBytes > 0; }
     /// One piece for each payload to be written next; the rest is empty. The queue is not empty.

@@ -78,9 +78,9 @@ private:
     std::deque<std::weak_ptr<Reader>> waiting;
     const Reader* lastReader = nullptr;  // who read last; only compared, it may be gone
     Clock::time_point sharedUntil{};     // for a while after another has read, nobody reads ahead
-    int turn = 1;                 // frames in the last turn
-    int freeTurns = 0;            // in a row that the line did not have to be waited for
-    std::uint64_t waitsSeen = 0;  // of the line, by then
+    int turn = 1;                        // frames in the last turn
+    int freeTurns = 0;                   // in a row that the line did not have to be waited for
+    std::uint64_t waitsSeen = 0;         // of the line, by then
     asio::steady_timer timer;
     std::chrono::milliseconds stallLimit;
     bool isWatching = false;          // while readers wait: for the line to stand still, or to move again

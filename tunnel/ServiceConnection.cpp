@@ -155,7 +155,7 @@ void ServiceConnection::QueueData(std::string_view payload) {
 }
 
 void ServiceConnection::SendArrived() {
-    if (!isWriting && !queue.IsEmpty()) WriteQueue();
+    if (!queue.IsEmpty() && !queue.IsBeingWritten()) WriteQueue();
     queue.KeepArrived();
 }
 
@@ -167,7 +167,6 @@ void ServiceConnection::SendAsync() {
 // Each turn of the event loop writes more than it reads from the tunnel; otherwise a queue once long would never
 // shrink.
 void ServiceConnection::WriteQueue() {
-    isWriting = true;
     // While the connect is under way the write waits behind it. It must not be tried: a socket reports only once why
     // its connect failed.
     if (state == State::Connecting) return WaitForRoom();
@@ -181,7 +180,6 @@ void ServiceConnection::WriteQueue() {
     });
     if (size < asio::buffer_size(pieces)) return WaitForRoom();
     if (!queue.IsEmpty()) return asio::post(ioContext, Weakly(&ServiceConnection::SendAsync));
-    isWriting = false;
     LogWrite("ServiceConnection", __LINE__, logDebug, "Session %s, nothing to send, pausing", Id());
 }
 

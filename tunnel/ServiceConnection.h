@@ -110,7 +110,6 @@ private:
 
     State state = State::Connecting;  // Failed: no further read or write is started
     bool stopFlag = false;            // Stop has been called; independent of the state
-    bool isWriting = false;           // a write is under way: SendArrived only has to copy
     bool waitsForTurn = false;        // instead of for the service
     bool hasMore = false;             // the last read took all that it was allowed: there is probably more
     UploadWindow uploads;

@@ -26,8 +26,6 @@ class TunnelConnection : FrameReader::Owner, FrameWriter::Owner {
 public:
     /// @param io, tunnelConfig, fixedDelays not owned, outlive the connection
     TunnelConnection(asio::io_context& io, const TunnelConfig& tunnelConfig, const Delays& fixedDelays);
-    TunnelConnection(const TunnelConnection&) = delete;
-    TunnelConnection& operator=(const TunnelConnection&) = delete;
 
     void Connect();
     /// Until the resolver has answered.
@@ -52,18 +50,16 @@ private:
     void ListenToTunnelServer();
     bool HandleMessage(const FrameHeader& header, std::string_view payload) override;
     void OnBatchOver() override { sessions.SendArrived(); }
-    void OnReadFailed() override { Stop(); }
     void HandleControlMessage(const std::string& text);
     bool Verify(const ServerMessage& message);
     void ActOn(const ServerMessage& message);
 
     void OnFrameSent(TunnelMessage& frame) override;
     void OnQueueEmpty() override { sessions.OnQueueEmpty(); }
-    void OnSendFailed() override { Stop(); }
     void SendHeartbeat();
     void OnHeartbeatTimer(std::error_code error);
 
-    void Stop();
+    void Stop() override;
     void OnCloseDelayOver(std::error_code);
 
     asio::io_context& ioContext;
