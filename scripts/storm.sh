@@ -18,6 +18,7 @@
 # A seed draws the same sessions, bytes and plans again, but not the same timing. The build stays in build/NAME.
 
 set -euo pipefail
+called_from=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/storm.sh; }
@@ -42,10 +43,11 @@ megabytes=${numbers[0]:-200}
 seed=${numbers[1]:-$(od --address-radix=n --read-bytes=6 --format=u8 /dev/urandom | tr --delete ' ')}
 ((${#numbers[@]} <= 2)) && [[ $megabytes =~ ^0*[1-9][0-9]{0,8}$ && $seed =~ ^0*[0-9]{1,18}$ ]] ||
     refuse "MEGABYTES from 1 to 999999999, and SEED of at most 18 digits"
+[[ -z $log || $log == /* ]] || log=$called_from/$log
 [[ -z $log || (-d $log && -w $log) ]] || refuse "no folder to write to: '$log'"
 
 scripts/setup.sh build soak
-cmake --preset "$preset" -DBUILD_SOAK=ON
+cmake --preset "$preset" -DBUILD_TESTS=OFF -DBUILD_SOAK=ON
 cmake --build --preset "$preset" --target tunnel-storm
 
 echo "storm: $megabytes MB, seed $seed"

@@ -49,9 +49,10 @@ Reason WhyMissingDown(const Facts& facts) {
     if (facts.hasReset) return Reason::ServiceReset;
     if (facts.hasClosed) return Reason::ServiceLeft;
     if (facts.isReplaced) return Reason::Replaced;
+    if (facts.hasShutDown)
+        return Reason::ServiceEnded;  // there is no half-close: nothing is written any more
     if (HadTimeForAll(facts)) return Reason::Unexplained;
     if (facts.isEnded) return Reason::EndedByServer;
-    if (facts.hasShutDown) return Reason::ServiceEnded;
     return facts.isCut ? Reason::TunnelCut : Reason::Unexplained;
 }
 

@@ -37,9 +37,17 @@ const char* NameOf(Break kind) {
 
 namespace {
 
-constexpr unsigned largestStream = 23;           // as a power of 2
-constexpr std::uint64_t mostSmallWrites = 2000;  // of one byte each, or some; more would only take time
+constexpr unsigned largestStreamBits = 23;
+constexpr std::uint64_t mostSmallWrites = 1000;  // of one byte each, or some; more would only take time
 constexpr std::uint64_t mostFrames = 3000;       // of one opening
+
+/// Most streams are small, most bytes are in large ones.
+std::uint64_t DrawStream(Random& random) {
+    const auto lot = Draw(random, 1, 8);
+    if (lot == 1) return 0;
+    return lot <= 6 ? DrawSize(random, largestStreamBits)
+                    : Draw(random, 1, std::uint64_t{1} << largestStreamBits);
+}
 
 Ending DrawEnding(Random& random) {
     const auto lot = Draw(random, 1, 20);
@@ -52,7 +60,7 @@ Ending DrawEnding(Random& random) {
 }
 
 void DrawManner(Random& random, OpeningPlan& plan) {
-    const auto lot = Draw(random, 1, 20);
+    const auto lot = Draw(random, 1, 30);
     if (lot > 4) return;
     if (lot == 1) {
         plan.manner = Manner::Slow;
@@ -60,7 +68,7 @@ void DrawManner(Random& random, OpeningPlan& plan) {
     } else if (lot <= 3) {
         plan.manner = Manner::Pausing;
         plan.pauseEvery = std::max<std::uint64_t>(DrawSize(random, 20), plan.down / 4);
-        plan.pause = DrawTime(random, 5, 400);
+        plan.pause = DrawTime(random, 5, OneIn(random, 3) ? 400 : 60);
     } else {
         plan.manner = Manner::Never;
         plan.serviceGoesAfter = DrawTime(random, 100, 700);
@@ -88,8 +96,8 @@ void MakeOdd(OpeningPlan& plan) {
 OpeningPlan DrawOpening(Random& random) {
     OpeningPlan plan;
     plan.ending = DrawEnding(random);
-    plan.down = OneIn(random, 8) ? 0 : DrawSize(random, largestStream);
-    plan.up = OneIn(random, 8) ? 0 : DrawSize(random, largestStream);
+    plan.down = DrawStream(random);
+    plan.up = DrawStream(random);
     plan.largestFrame = OneIn(random, 3) ? DrawSize(random, 17) : 131072;
     plan.down = std::min(plan.down, plan.largestFrame * mostFrames);
     DrawWriting(random, plan);
@@ -98,6 +106,7 @@ OpeningPlan DrawOpening(Random& random) {
     if (OneIn(random, 40)) MakeOdd(plan);
     plan.takesIdInUse = !plan.hasOddId && OneIn(random, 20);
     plan.isSpokenToAfterwards = OneIn(random, 3);
+    plan.serverEndsAt = Draw(random, 1, plan.down + 1);
     plan.serverEndsAfter = DrawTime(random, 0, OneIn(random, 2) ? 20 : 300);
     if (plan.ending == Ending::ServiceResets && plan.manner != Manner::Never)
         plan.serviceGoesAfter = DrawTime(random, 1, 200);
@@ -124,8 +133,8 @@ Mood DrawReadMood(Random& random) {
 
 TunnelPlan DrawTunnel(Random& random) {
     TunnelPlan plan;
-    plan.life = DrawTime(random, 0, OneIn(random, 6) ? 50 : 4000);
-    plan.isDrained = OneIn(random, 3);
+    plan.life = DrawTime(random, 0, OneIn(random, 4) ? 50 : 2000);
+    plan.isDrained = OneIn(random, 4);
     plan.sessionsAtOnce = OneIn(random, 4) ? DrawSize(random, 6) : Draw(random, 8, 64);
     if (OneIn(random, 40)) {
         plan.breaks = Break::Silence;

@@ -45,7 +45,8 @@ struct OpeningPlan {
     std::uint64_t pauseEvery = 0;      ///< bytes, of a service that is Pausing
     milliseconds pause{0};             ///< its length
     milliseconds acceptDelay{0};       ///< of the service
-    milliseconds serverEndsAfter{0};   ///< ServerMidway
+    milliseconds serverEndsAfter{0};   ///< ServerMidway: then, or earlier
+    std::uint64_t serverEndsAt = 0;    ///< when so many bytes down have been queued
     milliseconds serviceGoesAfter{0};  ///< closes outright or, with ServiceResets, resets; 0: never
     bool isSpokenToAfterwards = false;
     bool hasOddId = false, takesIdInUse = false;

@@ -75,7 +75,7 @@ void Service::Send() {
         if (error == asio::error::would_block)
             return socket.async_wait(tcp::socket::wait_write, Handler(&Service::OnWritable));
         if (error) return;  // the agent has closed; the reading side sees it, too
-        if (plan.writePause.count() > 0 && OneIn(random, 8)) {
+        if (plan.writePause.count() > 0 && OneIn(random, 16)) {
             sendTimer.expires_after(plan.writePause);
             return sendTimer.async_wait(Handler(&Service::OnSendPause));
         }
@@ -99,7 +99,6 @@ void Service::Finish() {
     socket.shutdown(tcp::socket::shutdown_send, error);
     if (error) return;  // the agent was first
     facts.hasShutDown = true;
-    facts.Stop(Clock::now());
 }
 
 void Service::Receive() {

@@ -220,12 +220,19 @@ bool Tunnel::ComposeData() {
         if (MaySpeakTo(opening)) {
             const auto size = Draw(random, 1, opening.plan.largestFrame);
             speech.Data(opening, std::min(size, opening.plan.down - opening.composedDown));
+            EndInTheMiddle(opening);
             return true;
         }
         std::swap(speakers[place], speakers.back());
         speakers.pop_back();
     }
     return false;
+}
+
+// The agent has had no time to get rid of the last frames.
+void Tunnel::EndInTheMiddle(Opening& opening) {
+    const bool isTime = opening.composedDown >= opening.plan.serverEndsAt;
+    if (opening.plan.ending == Ending::ServerMidway && isTime && !opening.isClosing) End(opening);
 }
 
 // A successor of the same id would get it.

@@ -70,6 +70,7 @@ private:
     void BreakNow();
     void Compose();
     bool ComposeData();
+    void EndInTheMiddle(Opening& opening);
     bool MaySpeakTo(const Opening& opening) const;
     bool IsOver(const Opening& opening) const;
     std::size_t Living() const;
