@@ -8,9 +8,13 @@ void Facts::Stop(Clock::time_point now) {
     dueDown = sentDown;
 }
 
-void Facts::CutShort(Clock::time_point now) {
+void Facts::Cut(Clock::time_point now) {
     isCut = true;
     Stop(now);
+}
+
+void Facts::CutShort(Clock::time_point now) {
+    Cut(now);
     if (now - stoppedAt < patience) dueDown = 0;
 }
 

@@ -37,7 +37,9 @@ struct Facts {
 
     /// Only the first call counts.
     void Stop(Clock::time_point now);
-    /// The tunnel went at once, and with it what the agent had not read yet.
+    /// The tunnel goes, but not before the agent has read all of it.
+    void Cut(Clock::time_point now);
+    /// It goes at once, and with it what the agent had not read yet.
     void CutShort(Clock::time_point now);
 };
 

@@ -134,6 +134,7 @@ Mood DrawReadMood(Random& random) {
 TunnelPlan DrawTunnel(Random& random) {
     TunnelPlan plan;
     plan.life = DrawTime(random, 0, OneIn(random, 4) ? 50 : 2000);
+    plan.mostBytes = Draw(random, 0, 200000000);
     plan.isDrained = OneIn(random, 4);
     plan.sessionsAtOnce = OneIn(random, 4) ? DrawSize(random, 6) : Draw(random, 8, 64);
     if (OneIn(random, 40)) {

@@ -80,7 +80,8 @@ enum class Place { BetweenFrames, InHeader, InPayload };
 
 struct TunnelPlan {
     milliseconds life{0};
-    bool isDrained = false;  ///< no session is left when it breaks
+    std::uint64_t mostBytes = 0;  ///< its life ends earlier when so many have been received
+    bool isDrained = false;       ///< no session is left when it breaks
     Break breaks = Break::HalfClose;
     Place place = Place::BetweenFrames;
     std::size_t sessionsAtOnce = 1;  ///< those that are ending do not count

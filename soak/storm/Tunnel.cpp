@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "lab/Frame.h"
-#include "soak/storm/Service.h"
-
 namespace storm {
 
 using asio::ip::tcp;
@@ -17,7 +14,6 @@ constexpr std::size_t composedAhead = 262144;
 constexpr std::size_t readBytes = 262144;
 constexpr milliseconds tick{1};
 constexpr std::uint64_t framesPerNoise = 40;
-constexpr std::size_t mostSessions = 1000, mostLiving = 300;  // of one tunnel; of the latter, at once
 
 }  // namespace
 
@@ -28,7 +24,8 @@ Tunnel::Tunnel(asio::io_context& loop, tcp::socket accepted, std::uint64_t tunne
       surroundings(storm),
       random(soak::Mixed(storm.seed + tunnelNumber)),
       plan(DrawTunnel(random)),
-      hearing([this](const std::string& text) { Fault(text); }) {}
+      hearing([this](const std::string& text) { Fault(text); }),
+      sessions(loop, number, storm, random, speech, hearing) {}
 
 void Tunnel::Start() {
     socket.non_blocking(true);
@@ -49,8 +46,8 @@ void Tunnel::Tick(std::error_code error) {
     if (error || state == State::Gone) return;
     const auto now = Clock::now();
     ChangeMoods(now);
-    if (state == State::Speaking) OpenSessions();
-    if (state <= State::Draining) EndSessions(now);
+    if (state == State::Speaking) sessions.OpenSometimes(plan.sessionsAtOnce);
+    if (state <= State::Draining) sessions.EndSome(now);
     Advance(now);
     if (!writeUnderWay) Write();
     if (!readUnderWay) Read();
@@ -70,78 +67,11 @@ void Tunnel::ChangeMoods(Clock::time_point now) {
     readMoodEnd = now + readMood.length;
 }
 
-void Tunnel::OpenSessions() {
-    const auto isEnding = [](const Opening* opening) {
-        return opening->isClosing || opening->facts.isDisconnected;
-    };
-    const auto ending = std::count_if(living.begin(), living.end(), isEnding);
-    const std::size_t busy = living.size() - static_cast<std::size_t>(ending);
-    if (openings.size() == mostSessions) return EndSoon();
-    if (busy < plan.sessionsAtOnce && living.size() < mostLiving) OpenOne();
-}
-
-void Tunnel::OpenOne() {
-    const std::uint64_t key = ++surroundings.openings;
-    Random own(soak::Mixed(surroundings.seed ^ soak::Mixed(key)));
-    const OpeningPlan openingPlan = DrawOpening(own);
-    using soak::Direction;
-    auto opening =
-        std::make_unique<Opening>(Opening{key, DrawId(openingPlan), openingPlan,
-                                          soak::KeyedStream(surroundings.seed, key, Direction::ToService),
-                                          soak::KeyedStream(surroundings.seed, key, Direction::ToClient)});
-    opening->facts.isOddId = opening->id.size() != lab::sessionIdBytes;
-    opening->service = std::make_shared<Service>(io, *opening, own());
-    Opening*& last = byId[opening->id];
-    if (last != nullptr) last->isClosing = true;
-    speech.Open(*opening, opening->service->Listen(), last);
-    hearing.Expect(*opening);
-    last = opening.get();
-    living.push_back(last);
-    speakers.push_back(last);
-    openings.push_back(std::move(opening));
-}
-
-std::string Tunnel::DrawId(const OpeningPlan& openingPlan) {
-    if (openingPlan.takesIdInUse && !living.empty()) {
-        const auto& id = living[Draw(random, 0, living.size() - 1)]->id;
-        if (id.size() == lab::sessionIdBytes) return id;
-    }
-    std::string id = std::to_string(number) + "-" + std::to_string(openings.size()) + "-";
-    std::size_t size = lab::sessionIdBytes;
-    if (openingPlan.hasOddId) size = OneIn(random, 2) ? Draw(random, id.size(), 15) : Draw(random, 17, 40);
-    while (id.size() < size) id += static_cast<char>(Draw(random, 'a', 'z'));
-    return id;
-}
-
-void Tunnel::EndSessions(Clock::time_point now) {
-    const auto isOver = [this](const Opening* opening) { return IsOver(*opening); };
-    living.erase(std::remove_if(living.begin(), living.end(), isOver), living.end());
-    for (Opening* opening : living) {
-        const auto& [facts, wanted] = std::tie(opening->facts, opening->plan);
-        const bool isDone = wanted.ending == Ending::ServerWhenDone && facts.receivedDown == wanted.down &&
-                            facts.receivedUp == wanted.up;
-        const bool isTime =
-            wanted.ending == Ending::ServerMidway && now - opening->openedAt >= wanted.serverEndsAfter;
-        if (!opening->isClosing && opening->isAsked && (isDone || isTime)) End(*opening);
-    }
-}
-
-void Tunnel::End(Opening& opening) {
-    opening.isClosing = true;
-    speech.End(opening);
-}
-
-/// On the server's side and on the service's. Only asked before the tunnel is broken.
-bool Tunnel::IsOver(const Opening& opening) const {
-    const Facts& facts = opening.facts;
-    if (facts.isRefused) return facts.isDisconnected || facts.isReplaced;
-    return opening.service->IsOver() && (facts.isDisconnected || facts.isReplaced || facts.isEnded);
-}
-
 void Tunnel::Advance(Clock::time_point now) {
+    if (Received() >= plan.mostBytes || sessions.Openings().size() == Sessions::most) EndSoon();
     if (now < lifeEnd) return;
     if (state == State::Speaking && plan.isDrained) state = State::Draining;
-    if (state == State::Speaking || (state == State::Draining && living.empty())) BeginBreak();
+    if (state == State::Speaking || (state == State::Draining && sessions.NoneLives())) BeginBreak();
 }
 
 // ---- The end
@@ -161,8 +91,7 @@ void Tunnel::ComposePart() {
         default: break;
     }
     if (plan.place == Place::InHeader) return speech.BeginHeader(random);
-    if (plan.place == Place::InPayload && !speakers.empty())
-        speech.BeginPayload(random, *speakers[Draw(random, 0, speakers.size() - 1)]);
+    if (plan.place == Place::InPayload) sessions.BeginPayload();
 }
 
 // Everything before it has left.
@@ -171,10 +100,8 @@ void Tunnel::BreakNow() {
     brokenAt = Clock::now();
     const bool isSudden =
         plan.breaks == Break::Close || plan.breaks == Break::Reset || plan.breaks == Break::Throw;
-    for (const auto& opening : openings) {
-        opening->facts.isCut = true;
-        isSudden ? opening->facts.CutShort(brokenAt) : opening->facts.Stop(brokenAt);
-    }
+    for (const auto& opening : sessions.Openings())
+        isSudden ? opening->facts.CutShort(brokenAt) : opening->facts.Cut(brokenAt);
     std::error_code ignored;
     if (plan.breaks == Break::HalfClose) socket.shutdown(tcp::socket::shutdown_send, ignored);
     if (plan.breaks == Break::Reset) socket.set_option(asio::socket_base::linger(true, 0), ignored);
@@ -187,18 +114,7 @@ void Tunnel::AgentIsGone() {
     std::error_code ignored;
     socket.close(ignored);
     timer.cancel();
-    for (const auto& opening : openings) opening->service->Abandon();
-}
-
-bool Tunnel::IsSettled() const {
-    return std::all_of(openings.begin(), openings.end(),
-                       [](const auto& opening) { return opening->service->IsOver(); });
-}
-
-std::uint64_t Tunnel::Received() const {
-    std::uint64_t bytes = hearing.Bytes();
-    for (const auto& opening : openings) bytes += opening->facts.receivedDown;
-    return bytes;
+    sessions.Abandon();
 }
 
 void Tunnel::Fault(const std::string& text) { surroundings.onFault(Name() + ": " + text); }
@@ -208,37 +124,8 @@ void Tunnel::Fault(const std::string& text) { surroundings.onFault(Name() + ": "
 void Tunnel::Compose() {
     while (state <= State::Draining && speech.Size() < composedAhead) {
         if (OneIn(random, framesPerNoise)) speech.Noise(random);
-        if (!ComposeData()) return;
+        if (!sessions.Speak()) return;
     }
-}
-
-/// @return whether there was any
-bool Tunnel::ComposeData() {
-    while (!speakers.empty()) {
-        const std::size_t place = Draw(random, 0, speakers.size() - 1);
-        Opening& opening = *speakers[place];
-        if (MaySpeakTo(opening)) {
-            const auto size = Draw(random, 1, opening.plan.largestFrame);
-            speech.Data(opening, std::min(size, opening.plan.down - opening.composedDown));
-            EndInTheMiddle(opening);
-            return true;
-        }
-        std::swap(speakers[place], speakers.back());
-        speakers.pop_back();
-    }
-    return false;
-}
-
-// The agent has had no time to get rid of the last frames.
-void Tunnel::EndInTheMiddle(Opening& opening) {
-    const bool isTime = opening.composedDown >= opening.plan.serverEndsAt;
-    if (opening.plan.ending == Ending::ServerMidway && isTime && !opening.isClosing) End(opening);
-}
-
-// A successor of the same id would get it.
-bool Tunnel::MaySpeakTo(const Opening& opening) const {
-    if (opening.composedDown == opening.plan.down || byId.at(opening.id) != &opening) return false;
-    return opening.plan.isSpokenToAfterwards || (!opening.isClosing && !opening.facts.isDisconnected);
 }
 
 void Tunnel::Write() {

@@ -1,26 +1,16 @@
 #pragma once
 
 #include <asio.hpp>
-#include <functional>
-#include <iosfwd>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "soak/storm/Hearing.h"
-#include "soak/storm/Opening.h"
 #include "soak/storm/Plan.h"
+#include "soak/storm/Sessions.h"
 #include "soak/storm/Speech.h"
 
 namespace storm {
-
-/// What all tunnels of a storm share.
-struct Surroundings {
-    std::uint64_t seed = 0;
-    std::uint64_t openings = 0;  ///< so far; the next one's key is one more
-    std::function<void(const std::string&)> onFault;
-};
 
 /// The server's end of one connection, and the services of its sessions.
 ///
@@ -41,13 +31,14 @@ public:
 
     /// The agent has nothing of it any more: it connects anew, or its run is over.
     void AgentIsGone();
-    bool IsSettled() const;
+    bool IsSettled() const { return sessions.AreSettled(); }
     bool IsBroken() const { return state >= State::Broken; }
     Clock::time_point BrokenSince() const { return brokenAt; }
     Clock::time_point LastProgress() const { return lastProgress; }
     Break HowBroken() const { return plan.breaks; }
-    std::uint64_t Received() const;  ///< bytes of sessions, both ways
-    const std::vector<std::unique_ptr<Opening>>& Openings() const { return openings; }
+    /// Bytes of sessions, both ways.
+    std::uint64_t Received() const { return hearing.Bytes() + sessions.ReceivedDown(); }
+    const std::vector<std::unique_ptr<Opening>>& Openings() const { return sessions.Openings(); }
     std::string Name() const { return "tunnel " + std::to_string(number); }
 
 private:
@@ -59,21 +50,11 @@ private:
 
     void Tick(std::error_code error);
     void ChangeMoods(Clock::time_point now);
-    void OpenSessions();
-    void OpenOne();
-    std::string DrawId(const OpeningPlan& openingPlan);
-    void EndSessions(Clock::time_point now);
-    void End(Opening& opening);
     void Advance(Clock::time_point now);
     void BeginBreak();
     void ComposePart();
     void BreakNow();
     void Compose();
-    bool ComposeData();
-    void EndInTheMiddle(Opening& opening);
-    bool MaySpeakTo(const Opening& opening) const;
-    bool IsOver(const Opening& opening) const;
-    std::size_t Living() const;
     void Write();
     bool WriteSome();
     void OnWritable(std::error_code error);
@@ -93,10 +74,7 @@ private:
     State state = State::Speaking;
     Speech speech;
     Hearing hearing;
-    std::vector<std::unique_ptr<Opening>> openings;
-    std::vector<Opening*> living;    // not over yet
-    std::vector<Opening*> speakers;  // those that may have something to come
-    std::map<std::string, Opening*> byId;
+    Sessions sessions;
 
     Mood writeMood, readMood;
     Clock::time_point writeMoodEnd, readMoodEnd, writeAfter, readAfter;
