@@ -133,8 +133,8 @@ Mood DrawReadMood(Random& random) {
 
 TunnelPlan DrawTunnel(Random& random) {
     TunnelPlan plan;
-    plan.life = DrawTime(random, 0, OneIn(random, 4) ? 50 : 2000);
-    plan.mostBytes = Draw(random, 0, 200000000);
+    plan.life = DrawTime(random, 0, OneIn(random, 5) ? 50 : 3000);
+    plan.mostBytes = Draw(random, 0, 400000000);
     plan.isDrained = OneIn(random, 4);
     plan.sessionsAtOnce = OneIn(random, 4) ? DrawSize(random, 6) : Draw(random, 8, 64);
     if (OneIn(random, 40)) {

@@ -42,6 +42,8 @@ public:
     bool NoneLives() const { return living.empty(); }
     std::uint64_t ReceivedDown() const;
     const std::vector<std::unique_ptr<Opening>>& Openings() const { return openings; }
+    /// Those that are not over, for whoever looks for a fault.
+    std::vector<const Opening*> Living() const { return {living.begin(), living.end()}; }
     /// No service waits for the agent any more.
     void Abandon();
     /// Every service has seen the end.

@@ -158,19 +158,14 @@ void Storm::Watch(std::error_code) {
 }
 
 void Storm::WatchTunnel(Clock::time_point now) {
-    if (!settling.empty() && now - lastChange > mostSilence) {
-        for (const auto& opening : settling.front()->Openings()) std::cout << *opening << '\n';
-        GiveUp("a service never sees the end of " + settling.front()->Name());
-    }
+    if (!settling.empty() && now - lastChange > mostSilence)
+        GiveUp("a service never sees the end of " + settling.front()->Name(), *settling.front());
     if (!tunnel) {
         if (isRunning && now - lastChange > mostSilence) GiveUp("the client neither connects nor returns");
-        return;
-    }
-    if (tunnel->IsBroken() && now - tunnel->BrokenSince() > mostSilence)
-        GiveUp("the client does not leave " + tunnel->Name());
-    if (!tunnel->IsBroken() && now - tunnel->LastProgress() > mostSilence) {
-        for (const auto& opening : tunnel->Openings()) std::cout << *opening << '\n';
-        GiveUp("nothing moves any more on " + tunnel->Name());
+    } else if (tunnel->IsBroken()) {
+        if (now - tunnel->BrokenSince() > mostSilence) GiveUp("the client does not leave " + tunnel->Name());
+    } else if (now - tunnel->LastProgress() > mostSilence) {
+        GiveUp("nothing moves any more on " + tunnel->Name(), *tunnel);
     }
 }
 
@@ -186,6 +181,11 @@ void Storm::PrintProgress() {
 void Storm::Fault(const std::string& text) {
     if (++faults <= mostFaultsPrinted)
         std::cout << "FAULT: seed " << surroundings.seed << ", " << text << std::endl;
+}
+
+void Storm::GiveUp(const std::string& text, const Tunnel& stuck) {
+    for (const Opening* opening : stuck.Living()) std::cout << "lives: " << *opening << '\n';
+    GiveUp(text);
 }
 
 void Storm::GiveUp(const std::string& text) {

@@ -41,6 +41,7 @@ private:
     void PrintProgress();
     void Fault(const std::string& text);
     [[noreturn]] void GiveUp(const std::string& text);
+    [[noreturn]] void GiveUp(const std::string& text, const Tunnel& stuck);
     void PrintReport();
     bool IsEnough() const { return Received() >= target; }
     std::uint64_t Received() const;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <asio.hpp>
 #include <memory>
 #include <string>
@@ -27,7 +28,7 @@ public:
            Surroundings& storm);
     void Start();
     /// Its life is over: breaks it as planned.
-    void EndSoon() { lifeEnd = Clock::now(); }
+    void EndSoon() { lifeEnd = std::min(lifeEnd, Clock::now()); }
 
     /// The agent has nothing of it any more: it connects anew, or its run is over.
     void AgentIsGone();
@@ -39,6 +40,7 @@ public:
     /// Bytes of sessions, both ways.
     std::uint64_t Received() const { return hearing.Bytes() + sessions.ReceivedDown(); }
     const std::vector<std::unique_ptr<Opening>>& Openings() const { return sessions.Openings(); }
+    std::vector<const Opening*> Living() const { return sessions.Living(); }
     std::string Name() const { return "tunnel " + std::to_string(number); }
 
 private:
