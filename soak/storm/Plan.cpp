@@ -143,7 +143,8 @@ TunnelPlan DrawTunnel(Random& random) {
     }
     plan.breaks = static_cast<Break>(Draw(random, 0, breaks - 2));
     if (OneIn(random, 2)) plan.breaks = static_cast<Break>(Draw(random, 0, 2));
-    if (!plan.isDrained) plan.place = static_cast<Place>(Draw(random, 0, 2));
+    if (!plan.isDrained)
+        plan.place = OneIn(random, 2) ? Place::InPayload : static_cast<Place>(Draw(random, 0, 1));
     return plan;
 }
 

@@ -118,8 +118,14 @@ bool Sessions::MaySpeakTo(const Opening& opening) const {
     return opening.plan.isSpokenToAfterwards || (!opening.isClosing && !opening.facts.isDisconnected);
 }
 
+// Of one that still listens: should the agent pass a part of it on, the service gets more than whole frames.
 void Sessions::BeginPayload() {
-    if (!speakers.empty()) speech.BeginPayload(random, *speakers[Draw(random, 0, speakers.size() - 1)]);
+    std::vector<Opening*> listeners;
+    for (Opening* opening : living) {
+        const Facts& facts = opening->facts;
+        if (!opening->isClosing && !facts.isDisconnected && !facts.isOddId) listeners.push_back(opening);
+    }
+    if (!listeners.empty()) speech.BeginPayload(random, *listeners[Draw(random, 0, listeners.size() - 1)]);
 }
 
 std::uint64_t Sessions::ReceivedDown() const {

@@ -36,7 +36,7 @@ public:
     void EndSome(Clock::time_point now);
     /// Composes a data frame of one of them. @return whether any had something to come
     bool Speak();
-    /// Composes the beginning of one, if any had something to come lately.
+    /// Composes the beginning of one, if any session is open.
     void BeginPayload();
 
     bool NoneLives() const { return living.empty(); }
