@@ -41,8 +41,9 @@ done
 [[ $preset =~ ^(debug|release|asan)$ ]] || refuse "unknown preset '$preset'"
 megabytes=${numbers[0]:-200}
 seed=${numbers[1]:-$(od --address-radix=n --read-bytes=6 --format=u8 /dev/urandom | tr --delete ' ')}
-((${#numbers[@]} <= 2)) && [[ $megabytes =~ ^0*[1-9][0-9]{0,8}$ && $seed =~ ^0*[0-9]{1,18}$ ]] ||
+if ((${#numbers[@]} > 2)) || ! [[ $megabytes =~ ^0*[1-9][0-9]{0,8}$ && $seed =~ ^0*[0-9]{1,18}$ ]]; then
     refuse "MEGABYTES from 1 to 999999999, and SEED of at most 18 digits"
+fi
 [[ -z $log || $log == /* ]] || log=$called_from/$log
 [[ -z $log || (-d $log && -w $log) ]] || refuse "no folder to write to: '$log'"
 
