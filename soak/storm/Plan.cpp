@@ -148,11 +148,11 @@ TunnelPlan DrawTunnel(Random& random) {
     return plan;
 }
 
-nox::tunnel_client::Delays DrawDelays(Random& random) {
+nox::tunnel_client::Delays DrawDelays(Random& random, bool isPatient) {
     nox::tunnel_client::Delays delays;
     delays.verificationLimit = std::chrono::seconds(1);
     delays.tunnelClose = DrawTime(random, 50, 300);
-    delays.sessionClose = OneIn(random, 8) ? DrawTime(random, 1500, 2500) : DrawTime(random, 150, 300);
+    delays.sessionClose = isPatient ? DrawTime(random, 1500, 2000) : DrawTime(random, 150, 300);
     delays.sessionRemoval = DrawTime(random, 10, 150);
     delays.stall = DrawTime(random, 20, 50);
     delays.second = DrawTime(random, 1, 10);

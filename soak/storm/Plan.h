@@ -88,7 +88,8 @@ struct TunnelPlan {
 };
 TunnelPlan DrawTunnel(Random& random);
 
-/// The agent's for one run. In a few the delay after a stop is long enough to demand that all bytes arrive in it.
-nox::tunnel_client::Delays DrawDelays(Random& random);
+/// The agent's for one run.
+/// @param isPatient the delay after a stop is long enough to demand that all bytes arrive in it
+nox::tunnel_client::Delays DrawDelays(Random& random, bool isPatient);
 
 }  // namespace storm

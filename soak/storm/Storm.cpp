@@ -18,6 +18,7 @@ namespace {
 
 constexpr auto mostSilence = 60s;  // of a client, or of sessions, that have something to do: a hang
 constexpr auto progressEvery = 5s;
+constexpr std::uint64_t patientEvery = 4;  // run, beginning with the first
 constexpr std::uint64_t mostFaultsPrinted = 20;
 constexpr double megabyte = 1000000;
 
@@ -71,7 +72,7 @@ void Storm::StartRun() {
     isRunning = true;
     lastChange = Clock::now();
     const auto config = Configuration(port, random);
-    const auto delays = DrawDelays(random);
+    const auto delays = DrawDelays(random, runs % patientEvery == 1);
     client = std::thread([this, config, delays] {
         std::string exception;
         try {
