@@ -85,6 +85,20 @@ void DrawWriting(Random& random, OpeningPlan& plan) {
     if (OneIn(random, 6)) plan.writePause = DrawTime(random, 1, 5);
 }
 
+/// The service begins to read only when more has been sent than the kernel keeps for it, and the session has ended:
+/// then the agent has something left.
+void MakeLag(Random& random, OpeningPlan& plan) {
+    plan.isLagging = true;
+    plan.manner = Manner::Prompt;
+    plan.serviceGoesAfter = milliseconds(0);
+    plan.down =
+        Draw(random, std::uint64_t{1} << (largestStreamBits - 1), std::uint64_t{1} << largestStreamBits);
+    plan.largestFrame = 131072;
+    plan.serverEndsAt = Draw(random, plan.down / 2, plan.down);
+    plan.serverEndsAfter = std::chrono::seconds(1);
+    plan.acceptDelay = DrawTime(random, 50, 300);
+}
+
 // Its data goes nowhere, and its service is not read for long, not even to see its end: only the server can end it.
 void MakeOdd(OpeningPlan& plan) {
     plan.hasOddId = true;
@@ -108,6 +122,7 @@ OpeningPlan DrawOpening(Random& random) {
     plan.isSpokenToAfterwards = OneIn(random, 3);
     plan.serverEndsAt = Draw(random, 1, plan.down + 1);
     plan.serverEndsAfter = DrawTime(random, 0, OneIn(random, 2) ? 20 : 300);
+    if (plan.ending == Ending::ServerMidway && !plan.hasOddId && OneIn(random, 5)) MakeLag(random, plan);
     if (plan.ending == Ending::ServiceResets && plan.manner != Manner::Never)
         plan.serviceGoesAfter = DrawTime(random, 1, 200);
     return plan;

@@ -48,6 +48,7 @@ struct OpeningPlan {
     milliseconds serverEndsAfter{0};   ///< ServerMidway: then, or earlier
     std::uint64_t serverEndsAt = 0;    ///< when so many bytes down have been queued
     milliseconds serviceGoesAfter{0};  ///< closes outright or, with ServiceResets, resets; 0: never
+    bool isLagging = false;
     bool isSpokenToAfterwards = false;
     bool hasOddId = false, takesIdInUse = false;
 };

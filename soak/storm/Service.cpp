@@ -34,7 +34,7 @@ unsigned short Service::Listen() {
         return refusing.emplace(io, anyPort).local_endpoint().port();
     }
     acceptor.emplace(io, anyPort);
-    if (plan.manner == Manner::Pausing || plan.manner == Manner::Never)
+    if (plan.manner == Manner::Pausing || plan.manner == Manner::Never || plan.isLagging)
         acceptor->set_option(tcp::socket::receive_buffer_size(smallBufferBytes));
     acceptor->async_accept(socket, Handler(&Service::OnAccepted));
     return acceptor->local_endpoint().port();
