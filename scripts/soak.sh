@@ -38,11 +38,11 @@ cmake --preset release -DBUILD_TESTS=OFF -DBUILD_SOAK=ON
 cmake --build --preset release --target tunnel-soak
 
 # What the two programs say is long, and of no use but to find a fault.
-work=build/release/soak
+work=build/release/soak/logs
 rm -rf "$work"
 mkdir "$work"
 echo "soak: $minutes minutes, seed $seed (again: scripts/soak.sh $minutes $seed)"
-if build/release/bench/soak/tunnel-soak "$minutes" "$seed" "$work"; then
+if build/release/soak/tunnel-soak "$minutes" "$seed" "$work"; then
     rm -rf "$work"
 else
     echo "soak: the logs of agent and server are in $work" >&2

@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "bench/soak/ChildProcess.h"
-#include "bench/soak/Endpoint.h"
+#include "soak/ChildProcess.h"
+#include "soak/Endpoint.h"
 
 namespace {
 

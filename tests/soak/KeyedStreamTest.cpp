@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "bench/soak/KeyedStream.h"
-#include "bench/soak/Plan.h"
+#include "soak/KeyedStream.h"
+#include "soak/Plan.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string>
 
-#include "bench/soak/Ledger.h"
+#include "soak/Ledger.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "bench/soak/Words.h"
+#include "soak/Words.h"
 
 namespace {
 

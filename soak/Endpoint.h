@@ -7,8 +7,8 @@
 #include <functional>
 #include <memory>
 
-#include "bench/soak/KeyedStream.h"
-#include "bench/soak/Plan.h"
+#include "soak/KeyedStream.h"
+#include "soak/Plan.h"
 
 namespace soak {
 

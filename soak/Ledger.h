@@ -5,7 +5,7 @@
 #include <iosfwd>
 #include <vector>
 
-#include "bench/soak/Account.h"
+#include "soak/Account.h"
 
 namespace soak {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "bench/soak/Programs.h"
-#include "bench/soak/Traffic.h"
+#include "soak/Programs.h"
+#include "soak/Traffic.h"
 
 namespace soak {
 

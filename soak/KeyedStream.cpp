@@ -1,4 +1,4 @@
-#include "bench/soak/KeyedStream.h"
+#include "soak/KeyedStream.h"
 
 #include <algorithm>
 #include <array>

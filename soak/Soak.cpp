@@ -1,4 +1,4 @@
-#include "bench/soak/Soak.h"
+#include "soak/Soak.h"
 
 #include <unistd.h>
 
@@ -7,7 +7,7 @@
 #include <iomanip>
 #include <iostream>
 
-#include "bench/soak/Ledger.h"
+#include "soak/Ledger.h"
 
 namespace soak {
 

@@ -1,4 +1,4 @@
-#include "bench/soak/Traffic.h"
+#include "soak/Traffic.h"
 
 #include <algorithm>
 #include <array>

@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "bench/soak/Account.h"
-#include "bench/soak/Endpoint.h"
-#include "bench/soak/Programs.h"
+#include "soak/Account.h"
+#include "soak/Endpoint.h"
+#include "soak/Programs.h"
 
 namespace soak {
 

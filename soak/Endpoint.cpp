@@ -1,4 +1,4 @@
-#include "bench/soak/Endpoint.h"
+#include "soak/Endpoint.h"
 
 #include <algorithm>
 #include <utility>

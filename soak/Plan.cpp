@@ -1,4 +1,4 @@
-#include "bench/soak/Plan.h"
+#include "soak/Plan.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "bench/soak/ChildProcess.h"
+#include "soak/ChildProcess.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "bench/soak/Account.h"
+#include "soak/Account.h"
 
 /// What the two programs say on their standard output, taken apart.
 namespace soak {

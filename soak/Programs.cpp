@@ -1,4 +1,4 @@
-#include "bench/soak/Programs.h"
+#include "soak/Programs.h"
 
 #include <sstream>
 #include <utility>

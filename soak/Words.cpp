@@ -1,4 +1,4 @@
-#include "bench/soak/Words.h"
+#include "soak/Words.h"
 
 #include <sstream>
 #include <string_view>

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "bench/soak/ChildProcess.h"
-#include "bench/soak/Words.h"
+#include "soak/ChildProcess.h"
+#include "soak/Words.h"
 
 namespace soak {
 

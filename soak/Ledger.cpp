@@ -1,4 +1,4 @@
-#include "bench/soak/Ledger.h"
+#include "soak/Ledger.h"
 
 #include <algorithm>
 #include <iomanip>

@@ -6,7 +6,7 @@
 #include <iostream>
 #include <string_view>
 
-#include "bench/soak/Soak.h"
+#include "soak/Soak.h"
 
 // tunnel-soak MINUTES SEED FOLDER: see scripts/soak.sh, which calls it.
 namespace {

@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "bench/soak/Endpoint.h"
-#include "bench/soak/Plan.h"
+#include "soak/Endpoint.h"
+#include "soak/Plan.h"
 
 namespace soak {
 
