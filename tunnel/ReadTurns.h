@@ -65,6 +65,7 @@ private:
     static constexpr int sharedFrames = 4;  // in another, at most
 
     bool IsStalled() const { return stalledAt != never && line.Departed() == stalledAt; }
+    bool HasNext();
     int NextTurn();
     void GiveTurn(int frames);
     void Watch();
