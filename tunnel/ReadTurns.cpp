@@ -36,7 +36,13 @@ void ReadTurns::Leave(const Reader& reader) {
 }
 
 void ReadTurns::GiveTurns() {
-    while (!waiting.empty() && line.FramesWaiting() == 0) GiveTurn(NextTurn());
+    while (HasNext() && line.FramesWaiting() == 0) GiveTurn(NextTurn());
+}
+
+// Readers that are gone use up no turn, and nobody has to wait for them.
+bool ReadTurns::HasNext() {
+    while (!waiting.empty() && waiting.front().expired()) waiting.pop_front();
+    return !waiting.empty();
 }
 
 int ReadTurns::NextTurn() {

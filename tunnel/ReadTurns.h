@@ -69,6 +69,7 @@ private:
     bool IsFreeFor(const Reader& reader, int ownFrames) const;
     void Note(const Reader& reader);
     bool IsStalled() const { return stalledAt != never && line.Departed() == stalledAt; }
+    bool HasNext();
     int NextTurn();
     void GiveTurn(int frames);
     void Watch(std::chrono::milliseconds delay);

@@ -29,8 +29,7 @@ using Script = std::vector<Step>;
 
 /// A frame in pieces that end at `cuts`.
 void Write(Script& script, const lab::Frame& frame, const std::vector<std::size_t>& cuts) {
-    const auto header = lab::EncodeHeader(frame.type, frame.payload.size(), frame.session);
-    const std::string bytes = std::string(header.begin(), header.end()) + frame.payload;
+    const std::string bytes = Bytes(frame);
     std::size_t begin = 0;
     for (const std::size_t end : cuts) {
         const std::string piece = bytes.substr(begin, end - begin);

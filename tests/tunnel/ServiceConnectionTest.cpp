@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <future>
 
 #include "lab/ScriptedServer.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Loopback.h"
 #include "tests/tunnel/TunnelRun.h"
 #include "tunnel/ServiceConnection.h"
 
@@ -16,10 +18,14 @@ const std::string id = "session-00000001";
 
 // As much waits for the tunnel as a test says.
 struct Line : ReadTurns::Line {
-    std::size_t FramesWaiting() const override { return waiting; }
+    std::size_t FramesWaiting() const override {
+        ++asked;
+        return waiting;
+    }
     std::uint64_t Waits() const override { return 0; }
     std::uint64_t Departed() const override { return 0; }
     std::size_t waiting = 0;
+    mutable int asked = 0;
 };
 
 // Keeps what it is told; letting go of a removed session is the owner's part.
@@ -67,20 +73,20 @@ protected:
         owner.connection->Connect();
         return owner.connection;
     }
-    // Runs the loop until `done`, for ten seconds at most.
-    void RunUntil(const std::function<bool()>& done) {
-        io.restart();
-        for (const auto end = std::chrono::steady_clock::now() + 10s; !done();) {
-            ASSERT_LT(std::chrono::steady_clock::now(), end);
-            io.run_one_for(20ms);
-            io.restart();
-        }
+    void RunUntil(const std::function<bool()>& done) { ASSERT_TRUE(support::RunUntil(io, done)); }
+    // As when the queue has become empty; then frames of others wait again.
+    void GiveTurn() {
+        owner.line.waiting = 0;
+        owner.turns.GiveTurns();
+        owner.line.waiting = others;
     }
     void RunToTheEnd() {
         io.restart();
         io.run_for(10s);
         EXPECT_TRUE(io.stopped()) << "work is left";
     }
+
+    static constexpr std::size_t others = 1000;  // frames of other sessions
 
     support::LogCapture log;
     asio::io_context io;
@@ -100,6 +106,7 @@ TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
     EXPECT_EQ(owner.frames.at(0).SessionId(), id);
     EXPECT_EQ(owner.calls, "disconnect " + id + "\nremove " + id + "\n");
     EXPECT_EQ(log.Count("Session " + id + ", resume sending to service"), 1U);
+    EXPECT_EQ(log.Count("Session " + id + ", sent 1 bytes to service"), sent.size());
     EXPECT_EQ(log.Count("Session " + id + ", nothing to send, pausing"), 1U);
     const std::vector<std::string> end = {
         "ServiceConnection::ListenToService, session " + id + ", (2) End of file",
@@ -125,7 +132,10 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     for (int written = 0; written < 5; ++written) connection->UploadFinished();
     io.run_for(50ms);
     EXPECT_EQ(owner.frames.size(), 20U) << "resumed above fourteen";
+    const std::string listening = "Session " + id + ", listening to service";
+    EXPECT_EQ(log.Count(listening), 20U) << "one for each frame, as if read one by one";
     connection->UploadFinished();
+    EXPECT_EQ(log.Count(listening), 21U) << "right behind the line of the frame";
     RunUntil([&] { return log.Count(pausing) == 2; });
     EXPECT_EQ(owner.frames.size(), 26U);
     std::size_t reported = 6;
@@ -135,6 +145,83 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     });
     EXPECT_TRUE(owner.Received() == sent);
     for (const TunnelMessage& frame : owner.frames) EXPECT_LE(frame.data.size(), 16384U);
+}
+
+TEST_F(ServiceConnectionTest, ReadsInItsTurnsAndNoticesTheEndAtOnce) {
+    struct Idle : ReadTurns::Reader {
+        void ReadInTurn(int) override {}
+    };
+    const std::string sent(100000, 's');
+    lab::ScriptedServer service({[&](lab::Connection& peer) { peer.Write(sent); }});
+    owner.line.waiting = others;
+    const auto connection = Connect(service.Port());
+    service.Finish();
+    while (owner.Received().size() < sent.size() && !HasFailure()) {
+        const std::size_t before = owner.frames.size();
+        RunUntil([&] { return owner.line.asked > 0; });
+        EXPECT_EQ(owner.frames.size(), before) << "out of turn";
+        const auto idle = std::make_shared<Idle>();
+        owner.turns.Wait(idle);  // so that a turn is four frames
+        GiveTurn();
+        EXPECT_GT(owner.frames.size(), before);
+        EXPECT_LE(owner.frames.size(), before + 4);
+        owner.line.asked = 0;
+    }
+    EXPECT_EQ(owner.calls, "");
+    RunUntil([&] { return owner.calls == "disconnect " + id + "\n"; });
+    EXPECT_TRUE(owner.Received() == sent);
+}
+
+// It waits for a turn when it is stopped. Then it waits for another, or until its socket is closed.
+TEST_F(ServiceConnectionTest, ReadsWhatHasArrivedOnceWhenItIsStopped) {
+    for (const bool hasTurn : {true, false}) {
+        SCOPED_TRACE(hasTurn);
+        std::promise<void> isStopped;
+        lab::ScriptedServer service({[&](lab::Connection& peer) {
+            peer.Write("before");
+            isStopped.get_future().wait();
+            peer.Write("after");
+            peer.ReadToEnd();
+        }});
+        owner.frames.clear();
+        owner.line.asked = 0;
+        owner.line.waiting = others;
+        const auto connection = Connect(service.Port(), hasTurn ? 10s : 200ms);
+        RunUntil([&] { return owner.line.asked > 0; });
+        EXPECT_EQ(owner.Received(), "");
+        connection->Stop();
+        RunUntil([&] { return !owner.frames.empty(); });
+        EXPECT_GT(owner.turns.MayRead(others), 0) << "it has left the turns";
+        owner.line.asked = 0;
+        isStopped.set_value();
+        if (!hasTurn) {
+            RunUntil([&] { return owner.calls == "remove " + id + "\n"; });
+            io.poll();
+            EXPECT_EQ(log.Count("ListenToService error with stopFlag, session " + id), 1U);
+        } else {
+            RunUntil([&] { return owner.line.asked > 0; });
+            EXPECT_EQ(owner.Received(), "before");
+            GiveTurn();
+        }
+        EXPECT_EQ(owner.Received(), hasTurn ? "beforeafter" : "before");
+        owner.connection.reset();
+    }
+}
+
+TEST_F(ServiceConnectionTest, WritesABatchOfPayloadsAtOnceAndLogsEach) {
+    lab::ScriptedServer service({[](lab::Connection& peer) { EXPECT_EQ(peer.ReadToEnd(), "threeone4"); }});
+    const auto connection = Connect(service.Port());
+    const std::string session = "Session " + id + ", ";
+    RunUntil([&] { return log.Count(session + "listening to service") == 1; });
+    for (const char* payload : {"three", "one", "4"}) connection->QueueData(payload);
+    connection->SendArrived();
+    EXPECT_EQ(log.Texts(), (std::vector<std::string>{
+                               session + "listening to service", session + "resume sending to service",
+                               session + "sent 5 bytes to service", session + "sent 3 bytes to service",
+                               session + "sent 1 bytes to service", session + "nothing to send, pausing"}));
+    connection->Stop();
+    RunToTheEnd();
+    EXPECT_NO_THROW(service.Finish());
 }
 
 TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {

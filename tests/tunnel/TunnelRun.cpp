@@ -4,6 +4,7 @@
 #include <csignal>
 #include <utility>
 
+#include "lab/Signing.h"
 #include "tests/support/LogCapture.h"
 
 namespace support {
@@ -65,11 +66,24 @@ void HangUp(lab::Connection& agent) {
     agent.ReadToEnd();
 }
 
-void Say(lab::Connection& agent, const std::string& json) { lab::WriteControl(agent, password, json); }
+std::string Bytes(const lab::Frame& frame) {
+    const auto header = lab::EncodeHeader(frame.type, frame.payload.size(), frame.session);
+    return std::string(header.begin(), header.end()) + frame.payload;
+}
+
+std::string Control(const std::string& json) {
+    return Bytes({lab::controlFrame, "", lab::Sign(password, json)});
+}
+
+void Say(lab::Connection& agent, const std::string& json) { agent.Write(Control(json)); }
+
+std::string NewSessionText(unsigned short port, const std::string& id) {
+    return R"({"method":"new_session","session":")" + id + R"(","localHost":"127.0.0.1","localPort":)" +
+           std::to_string(port) + "}";
+}
 
 void NewSession(lab::Connection& agent, unsigned short port, const std::string& id) {
-    Say(agent, R"({"method":"new_session","session":")" + id + R"(","localHost":"127.0.0.1","localPort":)" +
-                   std::to_string(port) + "}");
+    Say(agent, NewSessionText(port, id));
 }
 
 Heard Listen(lab::Connection& agent, int ends) {

@@ -29,9 +29,13 @@ std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations,
 void Accept(lab::Connection& agent);
 /// Ends our half in order and waits until the agent has closed: everything sent before is read.
 void HangUp(lab::Connection& agent);
-/// A signed control frame as bytes.
+/// A frame as bytes; those of several may be written in one segment.
+std::string Bytes(const lab::Frame& frame);
+/// The same of a signed control frame.
+std::string Control(const std::string& json);
 void Say(lab::Connection& agent, const std::string& json);
-/// The signed "new_session" for the id above, or another, on 127.0.0.1.
+/// The "new_session" for the id above, or another, on 127.0.0.1; and for a server that says it.
+std::string NewSessionText(unsigned short port, const std::string& id = sessionId);
 void NewSession(lab::Connection& agent, unsigned short port, const std::string& id = sessionId);
 
 /// What the agent says: data by session, control messages in order, without what signing adds.

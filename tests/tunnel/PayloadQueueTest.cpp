@@ -1,0 +1,119 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+
+#include "tunnel/PayloadQueue.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using Sizes = std::deque<std::size_t>;
+
+// What the queue is to do, done with one text; and the memory in which payloads arrive, gone once it may be.
+class PayloadQueueTest : public testing::Test {
+protected:
+    void Append(std::size_t size) {
+        auto& payload = *arrived.emplace_back(std::make_unique<std::string>(size, '\0'));
+        for (char& one : payload) one = static_cast<char>(++appended * 31 % 251);
+        queue.Append(payload);
+        bytes += payload;
+        sizes.push_back(size);
+        arrivedBytes += size;
+    }
+    void KeepArrived() {
+        queue.KeepArrived();
+        for (const auto& payload : arrived) payload->assign(payload->size(), '?');
+        arrived.clear();
+        arrivedBytes = 0;
+    }
+    void Remove(std::size_t size) {
+        const std::size_t kept = bytes.size() - arrivedBytes;
+        if (kept == 0) arrivedBytes -= size;
+        bytes.erase(0, size);
+        begun += size;
+        Sizes done, expected;
+        queue.Remove(size, [&](std::size_t payload) { done.push_back(payload); });
+        for (; !sizes.empty() && begun >= sizes.front(); sizes.pop_front()) {
+            expected.push_back(sizes.front());
+            begun -= sizes.front();
+        }
+        ASSERT_EQ(done, expected);
+    }
+    // Offered are the next bytes; as many as may be.
+    std::size_t CheckNext(bool firstOnly) {
+        const PayloadQueue::Pieces pieces = queue.Next(firstOnly);
+        std::string offered;
+        for (const asio::const_buffer& piece : pieces)
+            offered.append(static_cast<const char*>(piece.data()), piece.size());
+        EXPECT_TRUE(offered == bytes.substr(0, offered.size()));
+        const std::size_t kept = bytes.size() - arrivedBytes;
+        if (firstOnly) {
+            EXPECT_EQ(offered.size(), sizes.front() - begun);
+        } else if (!pieces.IsFull()) {
+            EXPECT_EQ(offered.size(), kept > 0 ? kept : arrivedBytes);
+        }
+        return offered.size();
+    }
+
+    asio::io_context io;
+    PayloadMemory memory{io};
+    PayloadQueue queue{memory};
+    std::vector<std::unique_ptr<std::string>> arrived;
+    std::string bytes;  // that wait
+    Sizes sizes;        // of the payloads that wait
+    std::size_t begun = 0, arrivedBytes = 0, appended = 0;
+};
+
+TEST_F(PayloadQueueTest, KeepsOrderBytesAndPayloadsWhateverIsDone) {
+    std::mt19937 random(1);
+    const auto below = [&](std::size_t limit) { return random() % limit; };
+    const std::size_t usual[] = {1, 20, 1448, 8191, 8192, 16383, 16384, 16385, 32768, 131071, 131072};
+    for (int step = 0; step < 4000 && !HasFailure(); ++step) {
+        const std::size_t done = below(bytes.size() > 2000000 ? 6 : 12);
+        if (done >= 5) Append(below(2) == 0 ? usual[below(std::size(usual))] : 1 + below(20000));
+        if (done == 4) KeepArrived();
+        if (done < 4 && !queue.IsEmpty()) {
+            const std::size_t offered = CheckNext(below(2) == 0);
+            ASSERT_GT(offered, 0U);
+            Remove(below(2) == 0 ? offered : 1 + below(offered));
+        }
+        EXPECT_EQ(queue.IsEmpty(), sizes.empty());
+        EXPECT_EQ(queue.HasBegun(), begun > 0);
+    }
+    KeepArrived();
+    while (!queue.IsEmpty() && !HasFailure()) Remove(CheckNext(false));
+    EXPECT_EQ(bytes, "");
+}
+
+TEST_F(PayloadQueueTest, OffersWhatHasArrivedWhereItLies) {
+    Append(20);
+    Append(131072);
+    const PayloadQueue::Pieces pieces = queue.Next(false);
+    ASSERT_EQ(pieces.end() - pieces.begin(), 2);
+    EXPECT_EQ(pieces.begin()[0].data(), arrived[0]->data());
+    EXPECT_EQ(pieces.begin()[1].data(), arrived[1]->data());
+    KeepArrived();
+    EXPECT_EQ(CheckNext(false), 20U + 131072);
+}
+
+// A block that is free again is the next one to be used.
+TEST_F(PayloadQueueTest, GivesBackMemoryThatHasBeenWrittenOrIsNotNeededAnyMore) {
+    const std::string block(PayloadMemory::blockBytes, 'x');
+    Append(block.size());
+    KeepArrived();
+    const void* written = queue.Next(false).begin()->data();
+    Remove(block.size());
+    EXPECT_EQ(memory.Copy(block).data(), written);
+    const void* dropped;
+    {
+        PayloadQueue other(memory);
+        other.Append(block);
+        other.KeepArrived();
+        dropped = other.Next(false).begin()->data();
+    }
+    EXPECT_EQ(memory.Copy(block).data(), dropped);
+}
+
+}  // namespace
+}  // namespace nox::tunnel_client

@@ -1,0 +1,177 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/Loopback.h"
+#include "tunnel/ReadTurns.h"
+
+namespace nox::tunnel_client {
+namespace {
+
+using namespace std::chrono_literals;
+using support::RunUntil;
+
+struct Line : ReadTurns::Line {
+    std::size_t FramesWaiting() const override { return frames; }
+    std::uint64_t Waits() const override { return waits; }
+    std::uint64_t Departed() const override { return isMoving ? ++departed : departed; }
+    std::size_t frames = 0;
+    std::uint64_t waits = 0;
+    bool isMoving = false;
+    mutable std::uint64_t departed = 0;
+};
+
+class ReadTurnsTest : public testing::Test {
+protected:
+    // Notes its turns, as in "A4 ", and reads something or not.
+    struct Reader : ReadTurns::Reader {
+        Reader(ReadTurnsTest& readTurnsTest, char letter) : test(readTurnsTest), name(letter) {}
+        void ReadInTurn(int frames) override {
+            test.told += name + (frames == ReadTurns::allFrames ? "all" : std::to_string(frames)) + " ";
+            test.line.frames += reads;
+        }
+        ReadTurnsTest& test;
+        char name;
+        std::size_t reads = 1;
+    };
+
+    std::shared_ptr<Reader> Ask(char name, std::size_t reads = 1) {
+        const auto reader = std::make_shared<Reader>(*this, name);
+        reader->reads = reads;
+        turns.Wait(reader);
+        return reader;
+    }
+    // What had waited has been written.
+    std::string Turns() {
+        line.frames = 0;
+        turns.GiveTurns();
+        return std::exchange(told, "");
+    }
+
+    asio::io_context io;
+    Line line;
+    ReadTurns turns{io, line, 30ms};
+    std::string told;
+};
+
+struct Asked {
+    const char* name;
+    std::size_t waiting;  // frames
+    int own;              // of them
+    bool mayRead;
+};
+class ReadTurnsAsked : public ReadTurnsTest, public testing::WithParamInterface<Asked> {};
+TEST_P(ReadTurnsAsked, LetsReadOnIfNobodyElseIsKeptWaiting) {
+    line.frames = GetParam().waiting;
+    EXPECT_EQ(turns.MayRead(GetParam().own), GetParam().mayRead ? 8 : 0);
+    const auto other = Ask('A');
+    EXPECT_EQ(turns.MayRead(GetParam().own), 0) << "out of turn";
+}
+INSTANTIATE_TEST_SUITE_P(Frames, ReadTurnsAsked,
+                         testing::Values(Asked{"None", 0, 0, true}, Asked{"OwnOnly", 19, 19, true},
+                                         Asked{"OneOfAnother", 1, 0, false},
+                                         Asked{"OwnAndOneOfAnother", 20, 19, false},
+                                         Asked{"NoneAndACountBelowZero", 0, -1, true},
+                                         Asked{"OneAndACountBelowZero", 1, -1, false}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(ReadTurnsTest, AreGivenInTheOrderOfAskingUntilAFrameWaits) {
+    const auto a = Ask('A', 0), b = Ask('B', 1), c = Ask('C', 0), d = Ask('D', 0);
+    EXPECT_EQ(Turns(), "A4 B4 ");
+    turns.Wait(a);
+    EXPECT_EQ(Turns(), "C4 D4 A8 ");
+    EXPECT_EQ(Turns(), "") << "one for each time of asking";
+}
+
+TEST_F(ReadTurnsTest, AreNotGivenWhileAFrameWaits) {
+    const auto reader = Ask('A');
+    line.frames = 1;
+    turns.GiveTurns();
+    EXPECT_EQ(told, "");
+}
+
+TEST_F(ReadTurnsTest, AreOneFrameWhenTheLineHadToBeWaitedForAndThenDouble) {
+    const auto a = Ask('A'), b = Ask('B'), c = Ask('C');
+    std::string all;
+    for (const bool hadToWait : {false, true, false, false, false, true, true, false, true}) {
+        if (hadToWait) line.waits += 2;
+        all += Turns();
+        turns.Wait(all[all.size() - 3] == 'A' ? a : all[all.size() - 3] == 'B' ? b : c);
+    }
+    EXPECT_EQ(all, "A4 B1 C2 A4 B4 C1 A1 B2 C1 ");
+}
+
+TEST_F(ReadTurnsTest, AreLongWhenNobodyElseWaits) {
+    const auto a = Ask('A');
+    EXPECT_EQ(Turns(), "A8 ");
+    ++line.waits;
+    turns.Wait(a);
+    EXPECT_EQ(Turns(), "A8 ");
+}
+
+TEST_F(ReadTurnsTest, AreNotUsedUpByReadersThatAreGoneOrHaveLeft) {
+    for (const bool isGone : {false, true}) {
+        SCOPED_TRACE(isGone ? "gone" : "left");
+        const auto lose = [&](std::shared_ptr<Reader>& reader) {
+            if (!isGone) turns.Leave(*reader);
+            reader.reset();
+        };
+        auto a = Ask('A'), b = Ask('B'), c = Ask('C'), d = Ask('D'), e = Ask('E');
+        ++line.waits;
+        lose(a);
+        lose(d);
+        EXPECT_EQ(Turns(), "B1 ");
+        EXPECT_EQ(Turns(), "C2 ");
+        EXPECT_EQ(Turns(), "E8 ") << "nobody else waits any more";
+        EXPECT_EQ(turns.MayRead(1), 8);
+    }
+}
+
+TEST_F(ReadTurnsTest, EndWhenNothingDepartsAndAllReadOneAfterTheOther) {
+    line.frames = 1;
+    const auto begin = std::chrono::steady_clock::now();
+    const auto a = Ask('A'), b = Ask('B'), c = Ask('C');
+    ASSERT_TRUE(RunUntil(io, [&] { return !told.empty(); }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 30ms);
+    EXPECT_EQ(told, "Aall ");
+    EXPECT_EQ(turns.MayRead(0), ReadTurns::allFrames) << "one that asks now";
+    io.run_one();
+    EXPECT_EQ(told, "Aall Ball ") << "the loop has a turn in between";
+    ++line.departed;
+    EXPECT_EQ(turns.MayRead(0), 0);
+    io.run_one();
+    EXPECT_EQ(told, "Aall Ball ") << "it moves again";
+    told.clear();
+    EXPECT_EQ(Turns(), "C8 ");
+    io.run_for(10s);
+    EXPECT_TRUE(io.stopped()) << "nobody waits";
+}
+
+TEST_F(ReadTurnsTest, GoOnWhileTheLineMovesHoweverSlowly) {
+    line.frames = 1;
+    line.isMoving = true;
+    const auto reader = Ask('A');
+    for (int timers = 0; timers < 5; ++timers) io.run_one();
+    EXPECT_EQ(told, "");
+    line.isMoving = false;
+    ASSERT_TRUE(RunUntil(io, [&] { return told == "Aall "; })) << "and end when it stands";
+}
+
+TEST_F(ReadTurnsTest, AreWatchedOnlyWhileSomebodyWaits) {
+    line.isMoving = true;
+    auto left = Ask('A'), served = Ask('B');
+    turns.Leave(*left);
+    EXPECT_EQ(Turns(), "B8 ");
+    io.run_for(10s);
+    EXPECT_TRUE(io.stopped());
+    line.isMoving = false;
+    line.frames = 1;
+    turns.Wait(left);
+    ASSERT_TRUE(RunUntil(io, [&] { return told == "Aall "; })) << "watched again";
+    io.run_for(10s);
+    EXPECT_TRUE(io.stopped());
+}
+
+}  // namespace
+}  // namespace nox::tunnel_client
