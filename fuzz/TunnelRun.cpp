@@ -8,6 +8,7 @@
 #include "fuzz/SealedWorld.h"
 #include "tunnel/MessageSigning.h"
 #include "tunnel/TunnelClient.h"
+#include "tunnel/TunnelMessage.h"
 
 namespace fuzz {
 

@@ -46,7 +46,7 @@ struct Owner : FrameReader::Owner {
         batch.clear();
         ++batches;
     }
-    void OnReadFailed() override { ++failed; }
+    void Stop() override { ++failed; }
 
     std::string bytes;
     int frames = 0, stopsAfter = 0, batches = 0, failed = 0;

@@ -33,7 +33,7 @@ struct Owner : FrameWriter::Owner {
         ++empty;
         if (onEmpty) std::exchange(onEmpty, nullptr)();
     }
-    void OnSendFailed() override { ++failed; }
+    void Stop() override { ++failed; }
     std::vector<std::size_t> sent;
     int empty = 0, failed = 0;
     std::function<void()> onEmpty;

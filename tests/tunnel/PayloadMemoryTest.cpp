@@ -11,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t blockBytes = PayloadMemory::blockBytes;
+constexpr std::size_t blockBytes = 16384;
 const std::string block(blockBytes, 'x');
 constexpr std::size_t burstBlocks = 128;  // 2 MiB, the smallest burst
 

@@ -63,10 +63,12 @@ struct Asked {
 };
 class ReadTurnsAsked : public ReadTurnsTest, public testing::WithParamInterface<Asked> {};
 TEST_P(ReadTurnsAsked, LetsReadOnIfNobodyElseIsKeptWaiting) {
+    Reader reader(*this, 'R');
+    EXPECT_EQ(turns.MayRead(reader, 0), 8);
     line.frames = GetParam().waiting;
-    EXPECT_EQ(turns.MayRead(GetParam().own), GetParam().mayRead ? 8 : 0);
+    EXPECT_EQ(turns.MayRead(reader, GetParam().own), GetParam().mayRead ? 8 : 0);
     const auto other = Ask('A');
-    EXPECT_EQ(turns.MayRead(GetParam().own), 0) << "out of turn";
+    EXPECT_EQ(turns.MayRead(reader, GetParam().own), 0) << "out of turn";
 }
 INSTANTIATE_TEST_SUITE_P(Frames, ReadTurnsAsked,
                          testing::Values(Asked{"None", 0, 0, true}, Asked{"OwnOnly", 19, 19, true},
@@ -76,9 +78,23 @@ INSTANTIATE_TEST_SUITE_P(Frames, ReadTurnsAsked,
                                          Asked{"OneAndACountBelowZero", 1, -1, false}),
                          [](const auto& row) { return std::string(row.param.name); });
 
+// Twenty stall limits long; the other may read whenever the queue is empty.
+TEST_F(ReadTurnsTest, AreTakenInsteadOfReadingAheadForAWhileAfterAnotherHasRead) {
+    Reader busy(*this, 'B'), other(*this, 'O');
+    EXPECT_EQ(turns.MayRead(busy, 0), 8);
+    EXPECT_EQ(turns.MayRead(other, 0), 8);
+    const auto shared = std::chrono::steady_clock::now();
+    EXPECT_EQ(turns.MayRead(busy, 0), 8);
+    line.frames = 8;
+    EXPECT_EQ(turns.MayRead(busy, 8), 0);
+    ASSERT_TRUE(RunUntil(io, [&] { return turns.MayRead(busy, 8) == 8; })) << "alone again";
+    EXPECT_GE(std::chrono::steady_clock::now() - shared, 600ms);
+    EXPECT_EQ(turns.MayRead(other, 8), 0) << "these are not its frames";
+}
+
 TEST_F(ReadTurnsTest, AreGivenInTheOrderOfAskingUntilAFrameWaits) {
     const auto a = Ask('A', 0), b = Ask('B', 1), c = Ask('C', 0), d = Ask('D', 0);
-    EXPECT_EQ(Turns(), "A4 B4 ");
+    EXPECT_EQ(Turns(), "A1 B2 ");
     turns.Wait(a);
     EXPECT_EQ(Turns(), "C4 D4 A8 ");
     EXPECT_EQ(Turns(), "") << "one for each time of asking";
@@ -91,7 +107,7 @@ TEST_F(ReadTurnsTest, AreNotGivenWhileAFrameWaits) {
     EXPECT_EQ(told, "");
 }
 
-TEST_F(ReadTurnsTest, AreOneFrameWhenTheLineHadToBeWaitedForAndThenDouble) {
+TEST_F(ReadTurnsTest, AreOneFrameUntilTheLineHasTakenTwoAtOnceAndThenDouble) {
     const auto a = Ask('A'), b = Ask('B'), c = Ask('C');
     std::string all;
     for (const bool hadToWait : {false, true, false, false, false, true, true, false, true}) {
@@ -99,7 +115,7 @@ TEST_F(ReadTurnsTest, AreOneFrameWhenTheLineHadToBeWaitedForAndThenDouble) {
         all += Turns();
         turns.Wait(all[all.size() - 3] == 'A' ? a : all[all.size() - 3] == 'B' ? b : c);
     }
-    EXPECT_EQ(all, "A4 B1 C2 A4 B4 C1 A1 B2 C1 ");
+    EXPECT_EQ(all, "A1 B1 C1 A2 B4 C1 A1 B1 C1 ");
 }
 
 TEST_F(ReadTurnsTest, AreLongWhenNobodyElseWaits) {
@@ -122,9 +138,10 @@ TEST_F(ReadTurnsTest, AreNotUsedUpByReadersThatAreGoneOrHaveLeft) {
         lose(a);
         lose(d);
         EXPECT_EQ(Turns(), "B1 ");
-        EXPECT_EQ(Turns(), "C2 ");
+        EXPECT_EQ(Turns(), "C1 ");
         EXPECT_EQ(Turns(), "E8 ") << "nobody else waits any more";
-        EXPECT_EQ(turns.MayRead(1), 8);
+        line.frames = 0;
+        EXPECT_EQ(turns.MayRead(*e, 0), 8) << "nobody waits";
     }
 }
 
@@ -135,11 +152,11 @@ TEST_F(ReadTurnsTest, EndWhenNothingDepartsAndAllReadOneAfterTheOther) {
     ASSERT_TRUE(RunUntil(io, [&] { return !told.empty(); }));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 30ms);
     EXPECT_EQ(told, "Aall ");
-    EXPECT_EQ(turns.MayRead(0), ReadTurns::allFrames) << "one that asks now";
+    EXPECT_EQ(turns.MayRead(*a, 0), ReadTurns::allFrames) << "one that asks now";
     io.run_one();
     EXPECT_EQ(told, "Aall Ball ") << "the loop has a turn in between";
     ++line.departed;
-    EXPECT_EQ(turns.MayRead(0), 0);
+    EXPECT_EQ(turns.MayRead(*a, 0), 0);
     io.run_one();
     EXPECT_EQ(told, "Aall Ball ") << "it moves again";
     told.clear();
