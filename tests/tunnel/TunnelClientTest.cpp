@@ -120,8 +120,10 @@ auto Bytes(const std::string& bytes) {
         HangUp(agent);
     };
 }
+// Nothing behind it is acted on, although it comes in the same segment.
 void Forge(lab::Connection& agent) {
-    lab::WriteFrame(agent, {3, "", R"({"method":"conflict","timestamp":17,"sign":"0"})"});
+    agent.Write(support::Bytes({3, "", R"({"method":"conflict","timestamp":17,"sign":"0"})"}) +
+                support::Bytes({9, "", "x"}) + support::Bytes({0, sessionId, "x"}));
     agent.ReadToEnd();
 }
 
