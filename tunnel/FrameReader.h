@@ -40,7 +40,7 @@ public:
 private:
     // With more of either in a batch, services would wait too long while the server floods.
     static constexpr std::size_t readBytes = 65536;
-    static constexpr int maxBatch = 16;
+    static constexpr int maxBatch = 16;  // frames
     static constexpr std::size_t bufferBytes = headerBytes + maxPayloadBytes + readBytes;
 
     void Read();

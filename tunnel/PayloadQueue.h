@@ -17,7 +17,8 @@ namespace nox::tunnel_client {
 /// arrived; the others are copied by KeepArrived.
 class PayloadQueue {
 public:
-    using Pieces = std::array<asio::const_buffer, 16>;
+    /// Twice as many as one batch from the tunnel brings, so that a long queue shrinks whatever the server sends.
+    using Pieces = std::array<asio::const_buffer, 32>;
 
     /// @param payloadMemory not owned, outlives the queue
     explicit PayloadQueue(PayloadMemory& payloadMemory) : memory(payloadMemory) {}
@@ -31,8 +32,8 @@ public:
     void KeepArrived();
 
     bool IsEmpty() const { return kept.empty() && arrived.empty(); }
-    /// Whether payloads have been kept: they are written in the order of their arrival, so a write is under way.
-    bool IsBeingWritten() const { return !kept.empty(); }
+    /// Whether payloads have been copied.
+    bool HasKept() const { return !kept.empty(); }
     /// Whether the first payload has been written in part.
     bool HasBegun() const { return sentBytes > 0; }
     /// One piece for each payload to be written next; the rest is empty. The queue is not empty.

@@ -8,7 +8,7 @@ namespace nox::tunnel_client {
 int ReadTurns::MayRead(const Reader& reader, int ownFrames) {
     if (IsStalled()) return allFrames;
     if (!waiting.empty() || !IsFreeFor(reader, ownFrames)) return 0;
-    Note(reader);
+    NoteReader(reader);
     return aloneFrames;
 }
 
@@ -19,45 +19,37 @@ bool ReadTurns::IsFreeFor(const Reader& reader, int ownFrames) const {
     return !isShared && line.FramesWaiting() <= static_cast<std::size_t>(std::max(ownFrames, 0));
 }
 
-void ReadTurns::Note(const Reader& reader) {
+void ReadTurns::NoteReader(const Reader& reader) {
     if (&reader == lastReader) return;
-    if (lastReader != nullptr) sharedUntil = Clock::now() + 20 * stallLimit;
+    if (lastReader != nullptr) sharedUntil = Clock::now() + 20 * firstStallLimit;
     lastReader = &reader;
 }
 
-void ReadTurns::Wait(std::weak_ptr<Reader> reader) {
-    waiting.push_back(std::move(reader));
+void ReadTurns::Wait(Reader& reader) {
+    waiting.push_back(&reader);
     if (!isWatching) Watch(stallLimit);
 }
 
 void ReadTurns::Leave(const Reader& reader) {
-    const auto isReader = [&](const std::weak_ptr<Reader>& other) { return other.lock().get() == &reader; };
-    waiting.erase(std::remove_if(waiting.begin(), waiting.end(), isReader), waiting.end());
+    waiting.erase(std::remove(waiting.begin(), waiting.end(), &reader), waiting.end());
 }
 
 void ReadTurns::GiveTurns() {
-    while (HasNext() && line.FramesWaiting() == 0) GiveTurn(NextTurn());
+    while (!waiting.empty() && line.FramesWaiting() == 0) GiveTurn(NextTurn());
 }
 
-// Readers that are gone use up no turn, and nobody has to wait for them.
-bool ReadTurns::HasNext() {
-    while (!waiting.empty() && waiting.front().expired()) waiting.pop_front();
-    return !waiting.empty();
-}
-
+// The kernel takes two frames after each wait, so one free turn alone does not make a fast line.
 int ReadTurns::NextTurn() {
     const bool hadToWait = std::exchange(waitsSeen, line.Waits()) != line.Waits();
-    freeTurns = hadToWait ? 0 : freeTurns + 1;
-    turn = freeTurns < 2 ? 1 : std::min(2 * turn, sharedFrames);
-    return waiting.size() == 1 ? aloneFrames : turn;
+    freeTurns = hadToWait ? 0 : std::min(freeTurns + 1, sharedFrames.size() - 1);
+    return waiting.size() == 1 ? aloneFrames : sharedFrames.at(freeTurns);
 }
 
 void ReadTurns::GiveTurn(int frames) {
-    const auto reader = waiting.front().lock();
+    Reader& reader = *waiting.front();
     waiting.pop_front();
-    if (!reader) return;
-    Note(*reader);
-    reader->ReadInTurn(frames);
+    NoteReader(reader);
+    reader.ReadInTurn(frames);
 }
 
 void ReadTurns::Watch(std::chrono::milliseconds delay) {
@@ -75,7 +67,15 @@ void ReadTurns::OnTimer() {
     if (line.Departed() == watchedFrom) stalledAt = watchedFrom;
     const bool isStalled = IsStalled();
     if (isStalled) GiveTurn(allFrames);
-    Watch(isStalled ? stallLimit / 25 : stallLimit);
+    Watch(isStalled ? firstStallLimit / 25 : stallLimit);
+}
+
+// If something leaves after all, the line had only paused: lines that do are common, with a handover or a long way.
+bool ReadTurns::IsStalled() {
+    if (!stalledAt || line.Departed() == *stalledAt) return stalledAt.has_value();
+    stalledAt.reset();
+    stallLimit = std::min(2 * stallLimit, 8 * firstStallLimit);
+    return false;
 }
 
 }  // namespace nox::tunnel_client

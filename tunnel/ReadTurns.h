@@ -1,11 +1,12 @@
 #pragma once
 
+#include <array>
 #include <asio.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
+#include <optional>
 
 namespace nox::tunnel_client {
 
@@ -17,8 +18,9 @@ namespace nox::tunnel_client {
 /// one frame, so that the next session has its turn soon; on one that takes everything a turn is several frames,
 /// because each turn costs calls.
 ///
-/// When nothing has left the device for the stall limit, or for twice as long, waiting is of no use: then every session
-/// may read, each up to its own limit, until something leaves.
+/// A line on which nothing leaves the device stands still, which is noticed after one to two stall limits. Then waiting
+/// is of no use: every session may read, up to its own limit, and those that wait do so one after the other, until
+/// something leaves. A line that only pauses now and then is given more time after each mistake.
 ///
 /// Everything runs on the thread of `io`; the object lives as long as the loop runs.
 class ReadTurns {
@@ -43,50 +45,47 @@ public:
         virtual void ReadInTurn(int frames) = 0;
     };
 
-    static constexpr int allFrames = INT32_MAX;  ///< no limit but the reader's own
+    static constexpr int allFrames = 20;  ///< as many as a session may have waiting
 
     /// @param tunnel not owned, outlives this object
     ReadTurns(asio::io_context& io, const Line& tunnel, std::chrono::milliseconds stall)
-        : line(tunnel), timer(io), stallLimit(stall) {}
+        : line(tunnel), timer(io), firstStallLimit(stall), stallLimit(stall) {}
 
     /// @param ownFrames how many of the frames that wait are the asking reader's
     /// @return how many frames it may read now; 0: it has to wait for its turn
     int MayRead(const Reader& reader, int ownFrames);
-    /// Calls ReadInTurn once, later, unless the reader is gone or has left by then.
-    void Wait(std::weak_ptr<Reader> reader);
-    /// The reader does not wait any more.
+    /// Calls ReadInTurn once, later. @param reader not owned; leaves before it is destroyed
+    void Wait(Reader& reader);
+    /// The reader does not wait any more, if it did.
     void Leave(const Reader& reader);
     /// Gives turns until a frame waits again. To be called whenever none does.
     void GiveTurns();
 
 private:
-    static constexpr std::uint64_t never = UINT64_MAX;
-    static constexpr int aloneFrames = 8;   // in a turn that nobody else waits for
-    static constexpr int sharedFrames = 4;  // in another, at most
-
     using Clock = std::chrono::steady_clock;
 
+    static constexpr int aloneFrames = 8;                          // in a turn that nobody else waits for
+    static constexpr std::array<int, 4> sharedFrames{1, 1, 2, 4};  // in others, by the free turns before
+
     bool IsFreeFor(const Reader& reader, int ownFrames) const;
-    void Note(const Reader& reader);
-    bool IsStalled() const { return stalledAt != never && line.Departed() == stalledAt; }
-    bool HasNext();
+    void NoteReader(const Reader& reader);
+    bool IsStalled();
     int NextTurn();
     void GiveTurn(int frames);
     void Watch(std::chrono::milliseconds delay);
     void OnTimer();
 
     const Line& line;
-    std::deque<std::weak_ptr<Reader>> waiting;
-    const Reader* lastReader = nullptr;  // who read last; only compared, it may be gone
+    std::deque<Reader*> waiting;
+    const Reader* lastReader = nullptr;  // who read last
     Clock::time_point sharedUntil{};     // for a while after another has read, nobody reads ahead
-    int turn = 1;                        // frames in the last turn
-    int freeTurns = 0;                   // in a row that the line did not have to be waited for
-    std::uint64_t waitsSeen = 0;         // of the line, by then
-    asio::steady_timer timer;
-    std::chrono::milliseconds stallLimit;
-    bool isWatching = false;          // while readers wait: for the line to stand still, or to move again
-    std::uint64_t watchedFrom = 0;    // what had departed when the timer was started
-    std::uint64_t stalledAt = never;  // what had departed when the line was found to stand still
+    std::uint64_t waitsSeen = 0;         // of the line, by the last turn
+    std::size_t freeTurns = 0;  // in a row for which the line did not have to be waited for; 3 at most
+    asio::steady_timer timer;   // runs while readers wait
+    bool isWatching = false;
+    std::uint64_t watchedFrom = 0;  // what had departed when the timer was started
+    std::chrono::milliseconds firstStallLimit, stallLimit;
+    std::optional<std::uint64_t> stalledAt;  // what had departed when the line was found to stand still
 };
 
 }  // namespace nox::tunnel_client

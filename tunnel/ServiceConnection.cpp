@@ -33,7 +33,7 @@ void ServiceConnection::Connect() {
 }
 
 void ServiceConnection::OnConnected(std::error_code error) {
-    state = State::Open;
+    state = State::Answered;
     if (error) {
         LogWrite("ServiceConnection", __LINE__, logError, "ServiceConnection::Connect: (%d) %s",
                  error.value(), error.message().c_str());
@@ -70,7 +70,7 @@ void ServiceConnection::OnReadable(std::error_code error) {
     const int frames = owner->Turns().MayRead(*this, uploads.Pending());
     if (frames > 0 || !HasArrived()) return ReadService(std::max(frames, 1));
     waitsForTurn = true;
-    owner->Turns().Wait(weak_from_this());
+    owner->Turns().Wait(*this);
 }
 
 bool ServiceConnection::HasArrived() const {
@@ -154,8 +154,9 @@ void ServiceConnection::QueueData(std::string_view payload) {
     queue.Append(payload);
 }
 
+// While payloads are kept a write is under way, and goes on with these.
 void ServiceConnection::SendArrived() {
-    if (!queue.IsEmpty() && !queue.IsBeingWritten()) WriteQueue();
+    if (!queue.IsEmpty() && !queue.HasKept()) WriteQueue();
     queue.KeepArrived();
 }
 
@@ -164,8 +165,6 @@ void ServiceConnection::SendAsync() {
     if (state != State::Failed || queue.HasBegun()) WriteQueue();
 }
 
-// Each turn of the event loop writes more than it reads from the tunnel; otherwise a queue once long would never
-// shrink.
 void ServiceConnection::WriteQueue() {
     // While the connect is under way the write waits behind it. It must not be tried: a socket reports only once why
     // its connect failed.

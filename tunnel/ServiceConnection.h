@@ -39,6 +39,9 @@ public:
     /// @param sessionOwner, io not owned, outlive the connection
     ServiceConnection(SessionParams parameters, SessionOwner* sessionOwner, asio::io_context& io,
                       const Delays& fixedDelays = {});
+    ServiceConnection(const ServiceConnection&) = delete;
+    ServiceConnection& operator=(const ServiceConnection&) = delete;
+    ~ServiceConnection() override { owner->Turns().Leave(*this); }
 
     const std::string& SessionId() const { return params.sessionId; }
 
@@ -66,8 +69,8 @@ private:
     static constexpr int maxReads = 8;             // frames in one call
     static constexpr int maxKernelBytes = 131072;  // from the service, not read yet
 
-    /// Of the socket. A refused connect counts as Open: the first read or write fails.
-    enum class State { Connecting, Open, Failed };
+    // Of the socket. A refused connect is Answered, too: the first read or write fails then.
+    enum class State { Connecting, Answered, Failed };
 
     // A handler that does nothing once the connection is gone.
     template <typename Method>

@@ -23,7 +23,7 @@ void TunnelClient::Run() {
 
 void TunnelClient::ServeConnection() {
     constexpr std::chrono::seconds glance{1};
-    ioContext.restart();
+    asio::io_context ioContext(1);  // one thread runs it; the resolver's own thread only posts to it
     TunnelConnection connection(ioContext, config, delays);
     connection.Connect();
     // The kernel may refuse to watch the descriptor by which the resolver's thread wakes this one, and asio does not

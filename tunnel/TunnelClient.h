@@ -1,7 +1,5 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-
 #include "tunnel/Delays.h"
 #include "tunnel/TunnelConfig.h"
 
@@ -26,7 +24,6 @@ private:
 
     TunnelConfig config;
     Delays delays;
-    asio::io_context ioContext{1};  // one thread runs it (the resolver's own thread only posts to it)
 };
 
 }  // namespace nox::tunnel_client
