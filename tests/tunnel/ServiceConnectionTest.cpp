@@ -164,7 +164,10 @@ TEST_F(ServiceConnectionTest, ReadsInItsTurnsAndNoticesTheEndAtOnce) {
         owner.turns.Wait(idle);  // so that a turn is four frames
         GiveTurn();
         EXPECT_GT(owner.frames.size(), before);
-        EXPECT_LE(owner.frames.size(), before + 4);
+        const std::size_t after = owner.frames.size();
+        EXPECT_LE(after, before + 4);
+        connection->ReadInTurn(1);
+        EXPECT_EQ(owner.frames.size(), after) << "it has not asked again";
         owner.line.asked = 0;
     }
     EXPECT_EQ(owner.calls, "");

@@ -159,15 +159,16 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
     }
 }
 
-// A line of 256 kbit/s takes half a second for a frame, but it takes something all the time: it does not stand.
-TEST(TunnelSessionsTest, ReadAheadTogetherAsOneOnASlowLine) {
+/// The frames that waited at most on a line of 256 kbit/s.
+/// @param longest the longest time for which the server, on a busy machine, read nothing
+int MostThatWaitOnASlowLine(const Delays& delays, std::chrono::steady_clock::duration& longest) {
     using asio::ip::tcp;
     lab::ScriptedServer services[] = {lab::ScriptedServer({flood}), lab::ScriptedServer({flood}),
                                       lab::ScriptedServer({flood})};
     lab::Connection agent;
     tcp::acceptor acceptor(agent.Socket().get_executor(), tcp::v4());
-    acceptor.set_option(
-        tcp::socket::receive_buffer_size(8192));  // otherwise it takes a lot, and then nothing
+    // Otherwise its kernel takes a lot, and then nothing for long.
+    acceptor.set_option(tcp::socket::receive_buffer_size(8192));
     acceptor.bind({asio::ip::address_v4::loopback(), 0});
     acceptor.listen();
     LogCapture log;
@@ -177,18 +178,34 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneOnASlowLine) {
         Accept(agent);
         for (auto& service : services)
             NewSession(agent, service.Port(), "session-" + std::to_string(10000000 + service.Port()));
+        auto last = std::chrono::steady_clock::now();
         for (int piece = 0; piece < 60; ++piece) {
             agent.Read(1024);
             std::this_thread::sleep_for(32ms);
+            const auto now = std::chrono::steady_clock::now();
+            longest = std::max(longest, now - std::exchange(last, now));
         }
-        EXPECT_LE(MostThatWait(log.Lines()), 20 + 8) << "those of one session, and a turn";
+        const int most = MostThatWait(log.Lines());
         agent.Close();
+        return most;
     };
-    Delays delays = QuickDelays();
-    delays.stall = 600ms;
     auto served = std::async(std::launch::async, serve);
     TunnelClient(QuickConfig(acceptor.local_endpoint().port()), delays).Run();
-    served.get();
+    return served.get();
+}
+
+// It takes half a second for a frame, but it takes something all the time: it does not stand. Unless the server did.
+TEST(TunnelSessionsTest, ReadAheadTogetherAsOneOnASlowLine) {
+    Delays delays = QuickDelays();
+    delays.stall = 600ms;
+    for (int tries = 0; tries < 10; ++tries) {
+        std::chrono::steady_clock::duration longest{};
+        const int most = MostThatWaitOnASlowLine(delays, longest);
+        if (longest > delays.stall / 4) continue;
+        EXPECT_LE(most, 20 + 8) << "those of one session, and a turn";
+        return;
+    }
+    FAIL() << "the machine is too busy to tell";
 }
 
 // Between a request and its answer come the frames that were on their way, not those that the ended session could
