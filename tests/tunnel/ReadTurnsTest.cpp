@@ -39,7 +39,7 @@ protected:
     std::shared_ptr<Reader> Ask(char name, std::size_t reads = 1) {
         const auto reader = std::make_shared<Reader>(*this, name);
         reader->reads = reads;
-        turns.Wait(reader);
+        turns.Wait(*reader);
         return reader;
     }
     // What had waited has been written.
@@ -95,7 +95,7 @@ TEST_F(ReadTurnsTest, AreTakenInsteadOfReadingAheadForAWhileAfterAnotherHasRead)
 TEST_F(ReadTurnsTest, AreGivenInTheOrderOfAskingUntilAFrameWaits) {
     const auto a = Ask('A', 0), b = Ask('B', 1), c = Ask('C', 0), d = Ask('D', 0);
     EXPECT_EQ(Turns(), "A1 B2 ");
-    turns.Wait(a);
+    turns.Wait(*a);
     EXPECT_EQ(Turns(), "C4 D4 A8 ");
     EXPECT_EQ(Turns(), "") << "one for each time of asking";
 }
@@ -113,7 +113,7 @@ TEST_F(ReadTurnsTest, AreOneFrameUntilTheLineHasTakenTwoAtOnceAndThenDouble) {
     for (const bool hadToWait : {false, true, false, false, false, true, true, false, true}) {
         if (hadToWait) line.waits += 2;
         all += Turns();
-        turns.Wait(all[all.size() - 3] == 'A' ? a : all[all.size() - 3] == 'B' ? b : c);
+        turns.Wait(*(all[all.size() - 3] == 'A' ? a : all[all.size() - 3] == 'B' ? b : c));
     }
     EXPECT_EQ(all, "A1 B1 C1 A2 B4 C1 A1 B1 C1 ");
 }
@@ -122,27 +122,20 @@ TEST_F(ReadTurnsTest, AreLongWhenNobodyElseWaits) {
     const auto a = Ask('A');
     EXPECT_EQ(Turns(), "A8 ");
     ++line.waits;
-    turns.Wait(a);
+    turns.Wait(*a);
     EXPECT_EQ(Turns(), "A8 ");
 }
 
-TEST_F(ReadTurnsTest, AreNotUsedUpByReadersThatAreGoneOrHaveLeft) {
-    for (const bool isGone : {false, true}) {
-        SCOPED_TRACE(isGone ? "gone" : "left");
-        const auto lose = [&](std::shared_ptr<Reader>& reader) {
-            if (!isGone) turns.Leave(*reader);
-            reader.reset();
-        };
-        auto a = Ask('A'), b = Ask('B'), c = Ask('C'), d = Ask('D'), e = Ask('E');
-        ++line.waits;
-        lose(a);
-        lose(d);
-        EXPECT_EQ(Turns(), "B1 ");
-        EXPECT_EQ(Turns(), "C1 ");
-        EXPECT_EQ(Turns(), "E8 ") << "nobody else waits any more";
-        line.frames = 0;
-        EXPECT_EQ(turns.MayRead(*e, 0), 8) << "nobody waits";
-    }
+TEST_F(ReadTurnsTest, AreNotUsedUpByReadersThatHaveLeft) {
+    const auto a = Ask('A'), b = Ask('B'), c = Ask('C'), d = Ask('D'), e = Ask('E');
+    ++line.waits;
+    turns.Leave(*a);
+    turns.Leave(*d);
+    EXPECT_EQ(Turns(), "B1 ");
+    EXPECT_EQ(Turns(), "C1 ");
+    EXPECT_EQ(Turns(), "E8 ") << "nobody else waits any more";
+    line.frames = 0;
+    EXPECT_EQ(turns.MayRead(*e, 0), 8) << "nobody waits";
 }
 
 TEST_F(ReadTurnsTest, EndWhenNothingDepartsAndAllReadOneAfterTheOther) {
@@ -175,6 +168,34 @@ TEST_F(ReadTurnsTest, GoOnWhileTheLineMovesHoweverSlowly) {
     ASSERT_TRUE(RunUntil(io, [&] { return told == "Aall "; })) << "and end when it stands";
 }
 
+// Each time that it turns out to have paused only, up to eight times as long.
+TEST_F(ReadTurnsTest, WaitLongerForALineThatPausesNowAndThen) {
+    line.frames = 1;
+    for (const auto limit : {30ms, 60ms, 120ms, 240ms, 240ms}) {
+        SCOPED_TRACE(limit.count());
+        told.clear();
+        const auto begin = std::chrono::steady_clock::now();
+        const auto reader = Ask('A');
+        ASSERT_TRUE(RunUntil(io, [&] { return told == "Aall "; }));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, limit);
+        ++line.departed;
+        EXPECT_EQ(turns.MayRead(*reader, 0), 0);
+        while (io.run_one_for(1s) > 0) continue;
+    }
+}
+
+TEST_F(ReadTurnsTest, AskTheLineNoMoreOnceItHasMovedAgain) {
+    line.frames = 1;
+    const auto reader = Ask('A');
+    ASSERT_TRUE(RunUntil(io, [&] { return told == "Aall "; }));
+    ++line.departed;
+    EXPECT_EQ(turns.MayRead(*reader, 0), 0);
+    line.isMoving = true;
+    const std::uint64_t asked = line.departed;
+    for (int times = 0; times < 10; ++times) turns.MayRead(*reader, 0);
+    EXPECT_EQ(line.departed, asked);
+}
+
 TEST_F(ReadTurnsTest, AreWatchedOnlyWhileSomebodyWaits) {
     line.isMoving = true;
     auto left = Ask('A'), served = Ask('B');
@@ -184,7 +205,7 @@ TEST_F(ReadTurnsTest, AreWatchedOnlyWhileSomebodyWaits) {
     EXPECT_TRUE(io.stopped());
     line.isMoving = false;
     line.frames = 1;
-    turns.Wait(left);
+    turns.Wait(*left);
     ASSERT_TRUE(RunUntil(io, [&] { return told == "Aall "; })) << "watched again";
     io.run_for(10s);
     EXPECT_TRUE(io.stopped());

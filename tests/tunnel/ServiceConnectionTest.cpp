@@ -160,9 +160,10 @@ TEST_F(ServiceConnectionTest, ReadsInItsTurnsAndNoticesTheEndAtOnce) {
         const std::size_t before = owner.frames.size();
         RunUntil([&] { return owner.line.asked > 0; });
         EXPECT_EQ(owner.frames.size(), before) << "out of turn";
-        const auto idle = std::make_shared<Idle>();
-        owner.turns.Wait(idle);  // so that a turn is four frames
+        Idle idle;
+        owner.turns.Wait(idle);  // so that a turn is four frames at most
         GiveTurn();
+        owner.turns.Leave(idle);
         EXPECT_GT(owner.frames.size(), before);
         const std::size_t after = owner.frames.size();
         EXPECT_LE(after, before + 4);
