@@ -1,6 +1,7 @@
 #include "lab/Session.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "lab/Frame.h"
@@ -43,20 +44,32 @@ void Session::OnReadable(std::error_code error) {
     reading = false;
     if (clientDone || state == State::Closed) return;
     if (state == State::Open && !link.HasRoom()) return link.WaitForRoom(shared_from_this());
-    if (!error) error = ReadFrame();
+    if (!error) error = ReadFrames();
     if (error == asio::error::eof) return OnClientDone();
     if (error && error != asio::error::would_block) return LoseClient("client");
     ReadMore();
 }
 
-std::error_code Session::ReadFrame() {
+// One read fills several frames if they are small: otherwise the lab would be slower than the devices that it is to test.
+std::error_code Session::ReadFrames() {
+    const std::size_t frameBytes = link.FrameBytes();
+    const std::size_t stride = frameHeaderBytes + frameBytes;
+    std::array<asio::mutable_buffer, 16> payloads;
+    const std::size_t count = std::min(payloads.size(), maxPayloadBytes / frameBytes);
+    char* const frames = link.Frames().Reserve(count * stride);
+    for (std::size_t i = 0; i < count; ++i)
+        payloads[i] = asio::buffer(frames + i * stride + frameHeaderBytes, frameBytes);
     std::error_code error;
-    char* frame = link.Frames().Reserve(frameHeaderBytes + link.FrameBytes());
-    const auto size = socket.read_some(asio::buffer(frame + frameHeaderBytes, link.FrameBytes()), error);
+    const auto size = socket.read_some(payloads, error);
     if (size == 0 || state != State::Open) return error;
-    const auto header = EncodeHeader(dataFrame, size, id);
-    std::copy(header.begin(), header.end(), frame);
-    link.Frames().Commit(frameHeaderBytes + size);
+    std::size_t done = 0;
+    for (char* frame = frames; done < size; frame += stride) {
+        const auto header = EncodeHeader(dataFrame, std::min(frameBytes, size - done), id);
+        std::copy(header.begin(), header.end(), frame);
+        done += std::min(frameBytes, size - done);
+        link.Frames().Commit(frameHeaderBytes);
+    }
+    link.Frames().Commit(size);
     link.Flush();
     sentToDevice += size;
     report.counters.toDevice += size;

@@ -65,7 +65,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void OnReadable(std::error_code error);
-    std::error_code ReadFrame();
+    std::error_code ReadFrames();
     void OnClientDone();
     void LoseClient(const char* who);
     void Write();
