@@ -304,6 +304,30 @@ TEST_F(ServiceConnectionTest, RelaysOneReadAfterAFailedWrite) {
     EXPECT_EQ(owner.Received().size(), 16384U);
 }
 
+// As many payloads come in each turn of the loop as one batch brings.
+TEST_F(ServiceConnectionTest, CatchesUpWithALongQueueOfSmallPayloadsWhileMoreCome) {
+    constexpr int many = 5000, batch = 16;
+    std::promise<void> isLong;
+    lab::ScriptedServer service({[&](lab::Connection& peer) {
+        isLong.get_future().wait();
+        peer.ReadToEnd();
+    }});
+    const auto connection = Connect(service.Port(), 10s);
+    Send(*connection, support::Megabytes(20));
+    for (int payload = 0; payload < many; ++payload) Send(*connection, "small");
+    isLong.set_value();
+    int batches = 0;
+    const auto isCaughtUp = [&] { return log.Count("Session " + id + ", nothing to send, pausing") > 0; };
+    io.restart();
+    while (io.run_one_for(10s) > 0 && batches < 4 * many / batch && !isCaughtUp()) {
+        for (int payload = 0; payload < batch; ++payload) connection->QueueData("small");
+        connection->SendArrived();
+        ++batches;
+    }
+    EXPECT_TRUE(isCaughtUp()) << batches;
+    connection->Stop();
+}
+
 // Letting go in any state closes the socket at once, and what was under way touches nothing (the address
 // sanitizer sees it if it does).
 struct State {
