@@ -64,8 +64,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    static constexpr int aloneFrames = 8;                          // in a turn that nobody else waits for
-    static constexpr std::array<int, 4> sharedFrames{1, 1, 2, 4};  // in others, by the free turns before
+    static constexpr int aloneFrames = 8;                             // in a turn that nobody else waits for
+    static constexpr std::array<int, 5> sharedFrames{1, 1, 2, 4, 8};  // in others, by the free turns before
 
     bool IsFreeFor(const Reader& reader, int ownFrames) const;
     void NoteReader(const Reader& reader);
@@ -80,7 +80,7 @@ private:
     const Reader* lastReader = nullptr;  // who read last
     Clock::time_point sharedUntil{};     // for a while after another has read, nobody reads ahead
     std::uint64_t waitsSeen = 0;         // of the line, by the last turn
-    std::size_t freeTurns = 0;  // in a row for which the line did not have to be waited for; 3 at most
+    std::size_t freeTurns = 0;  // in a row for which the line did not have to be waited for; 4 at most
     asio::steady_timer timer;   // runs while readers wait
     bool isWatching = false;
     std::uint64_t watchedFrom = 0;  // what had departed when the timer was started

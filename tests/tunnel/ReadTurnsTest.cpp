@@ -96,7 +96,7 @@ TEST_F(ReadTurnsTest, AreGivenInTheOrderOfAskingUntilAFrameWaits) {
     const auto a = Ask('A', 0), b = Ask('B', 1), c = Ask('C', 0), d = Ask('D', 0);
     EXPECT_EQ(Turns(), "A1 B2 ");
     turns.Wait(*a);
-    EXPECT_EQ(Turns(), "C4 D4 A8 ");
+    EXPECT_EQ(Turns(), "C4 D8 A8 ");
     EXPECT_EQ(Turns(), "") << "one for each time of asking";
 }
 
