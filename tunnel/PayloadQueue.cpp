@@ -9,7 +9,12 @@ PayloadQueue::~PayloadQueue() {
     for (std::string& copy : kept) memory.Release(std::move(copy));
 }
 
+// Of a payload that has been written in part, only the rest is copied.
 void PayloadQueue::KeepArrived() {
+    if (kept.empty() && !arrived.empty()) {
+        arrived.front().remove_prefix(sentBytes);
+        notKept = std::exchange(sentBytes, 0);
+    }
     for (const std::string_view payload : arrived) kept.push_back(memory.Copy(payload));
     arrived.clear();
 }
@@ -28,7 +33,7 @@ void PayloadQueue::Remove(std::size_t size, const std::function<void(std::size_t
         const std::size_t payload = At(0).size();
         sentBytes -= payload;
         RemoveFirst();
-        onPayload(payload);
+        onPayload(payload + std::exchange(notKept, 0));
     }
 }
 

@@ -35,7 +35,7 @@ public:
     /// Whether payloads have been copied.
     bool HasKept() const { return !kept.empty(); }
     /// Whether the first payload has been written in part.
-    bool HasBegun() const { return sentBytes > 0; }
+    bool HasBegun() const { return sentBytes + notKept > 0; }
     /// One piece for each payload to be written next; the rest is empty. The queue is not empty.
     /// @param count of payloads at most
     Pieces Next(std::size_t count = SIZE_MAX) const;
@@ -49,7 +49,8 @@ private:
     PayloadMemory& memory;
     std::deque<std::string> kept;
     std::vector<std::string_view> arrived;  // behind those, and not written before they have been copied
-    std::size_t sentBytes = 0;              // of the first payload
+    std::size_t sentBytes = 0;              // of the first payload, as it lies here
+    std::size_t notKept = 0;                // of it, because they had been written before
 };
 
 }  // namespace nox::tunnel_client
