@@ -56,6 +56,10 @@ struct Owner : SessionOwner {
     std::shared_ptr<ServiceConnection> connection;
 };
 
+struct Idle : ReadTurns::Reader {
+    void ReadInTurn(int) override {}
+};
+
 // One frame for the service, as the tunnel brings it: its memory does not last.
 void Send(ServiceConnection& connection, std::string payload) {
     connection.QueueData(payload);
@@ -149,9 +153,6 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
 }
 
 TEST_F(ServiceConnectionTest, ReadsInItsTurnsAndNoticesTheEndAtOnce) {
-    struct Idle : ReadTurns::Reader {
-        void ReadInTurn(int) override {}
-    };
     const std::string sent(100000, 's');
     lab::ScriptedServer service({[&](lab::Connection& peer) { peer.Write(sent); }});
     owner.line.waiting = others;
@@ -213,6 +214,21 @@ TEST_F(ServiceConnectionTest, ReadsWhatHasArrivedOnceWhenItIsStopped) {
         EXPECT_EQ(owner.Received(), hasTurn ? "beforeafter" : "before");
         owner.connection.reset();
     }
+}
+
+TEST_F(ServiceConnectionTest, LeavesTheTurnsWhenItIsLetGoOf) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Write("x");
+        peer.ReadToEnd();
+    }});
+    owner.line.waiting = others;
+    Connect(service.Port());
+    RunUntil([&] { return owner.line.asked > 0; });
+    Idle other;
+    EXPECT_EQ(owner.turns.MayRead(other, 0), 0);
+    owner.connection.reset();
+    owner.line.waiting = 0;
+    EXPECT_GT(owner.turns.MayRead(other, 0), 0) << "nobody waits";
 }
 
 TEST_F(ServiceConnectionTest, WritesABatchOfPayloadsAtOnceAndLogsEach) {
