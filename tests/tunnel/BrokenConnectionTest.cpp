@@ -96,17 +96,21 @@ Lines ExpectedEnd(Way way, std::size_t steps, bool insidePayload) {
     return {cause, timeout};
 }
 
-/// The log of errors. A reset is met by reading, by writing or by both.
-Lines RunThrough(Way way, const Script& script, std::size_t first) {
+/// The log of errors. A reset is met by reading, by writing or by both. All steps have to fit into the time limit of
+/// verification: `isLate` when the server, on a busy machine, has taken too much of it.
+Lines RunThrough(Way way, const Script& script, std::size_t first, std::atomic<bool>& isLate) {
+    constexpr auto limit = 200ms;
     std::vector<lab::Conversation> conversations;
     for (std::size_t steps = first; steps < first + 3; ++steps) {
-        conversations.push_back([=, &script](lab::Connection& agent) {
+        conversations.push_back([=, &script, &isLate](lab::Connection& agent) {
+            const auto begin = std::chrono::steady_clock::now();
             for (std::size_t i = 0; i < std::min(steps, script.size()); ++i) script[i].play(agent);
+            isLate = isLate || std::chrono::steady_clock::now() - begin > limit / 4;
             End(agent, way, steps >= verifiedAfter);
         });
     }
     Delays delays = QuickDelays();
-    delays.verificationLimit = 200ms;  // for a busy machine: all of the steps have to fit
+    delays.verificationLimit = limit;
     delays.tunnelClose = delays.sessionClose = 30ms;
     delays.sessionRemoval = 5ms;
     delays.second = 1ms;
@@ -121,7 +125,8 @@ Lines RunThrough(Way way, const Script& script, std::size_t first) {
 TEST_P(TunnelEnded, AfterAnyStepIsFollowedByTheNextConnection) {
     const std::size_t all = WholeStory(0).size();
     const bool reset = GetParam() == Way::Reset;  // at once, it could be taken for a failed connect
-    for (std::size_t first = reset ? 1 : 0; first <= all; first += 3) {
+    int late = 0;
+    for (std::size_t first = reset ? 1 : 0; first <= all;) {
         lab::ScriptedServer services({service, service, service});
         const Script script = WholeStory(services.Port());
         Lines expected;
@@ -132,8 +137,12 @@ TEST_P(TunnelEnded, AfterAnyStepIsFollowedByTheNextConnection) {
             expected.push_back("[TunnelClient:50] Tunnel reconnecting...");
         }
         expected.back() = "[TunnelClient:45] Too many reconnects, will restart discovery";
-        EXPECT_EQ(RunThrough(GetParam(), script, first), expected) << first;
+        std::atomic<bool> isLate = false;
+        const Lines lines = RunThrough(GetParam(), script, first, isLate);
         EXPECT_TRUE(Eventually([&] { return opened == ended; }, 2s)) << "a session outlived its tunnel";
+        if (isLate && ++late < 20) continue;
+        EXPECT_EQ(lines, expected) << first;
+        first += 3;
     }
     EXPECT_GT(opened, 0);
 }

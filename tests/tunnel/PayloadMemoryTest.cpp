@@ -41,18 +41,22 @@ protected:
     std::vector<std::string> copies;
 };
 
-TEST_F(PayloadMemoryTest, CopiesExactlyAndUsesBlocksAgain) {
-    for (const std::size_t size : {1U, 20U, 8191U, 8192U, 16383U, 16384U}) {
-        SCOPED_TRACE(size);
-        Copy(1);
-        const void* const spare = copies.back().data();
-        Release(1);
-        std::string bytes(size, 'y');
-        std::string copy = memory.Copy(bytes);
-        EXPECT_EQ(copy, bytes);
-        EXPECT_EQ(copy.data() == spare, size >= 8192);
-        EXPECT_LE(copy.capacity(), std::max<std::size_t>(2 * size, 15));
-        memory.Release(std::move(copy));
+TEST_F(PayloadMemoryTest, CopiesExactlyAndUsesBlocksAgainThatAreNotTooLarge) {
+    for (const std::size_t spareSize : {16384U, 131072U}) {
+        for (const std::size_t size : {1U, 20U, 8191U, 8192U, 16383U, 16384U, 65535U, 65536U, 131072U}) {
+            SCOPED_TRACE(std::to_string(size) + " of " + std::to_string(spareSize));
+            PayloadMemory fresh(io);
+            std::string first = fresh.Copy(std::string(spareSize, 'x'));
+            const void* const spare = first.data();
+            fresh.Release(std::move(first));
+            const std::string bytes(size, 'y');
+            const std::string copy = fresh.Copy(bytes);
+            EXPECT_TRUE(copy == bytes);
+            if (size <= spareSize && 2 * size >= spareSize) {
+                EXPECT_EQ(copy.data(), spare);
+            }
+            EXPECT_LE(copy.capacity(), std::max<std::size_t>(2 * size, 15));
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <future>
 
@@ -53,6 +54,10 @@ struct Owner : SessionOwner {
     PayloadMemory memory;
     ReadTurns turns;
     std::shared_ptr<ServiceConnection> connection;
+};
+
+struct Idle : ReadTurns::Reader {
+    void ReadInTurn(int) override {}
 };
 
 // One frame for the service, as the tunnel brings it: its memory does not last.
@@ -148,9 +153,6 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
 }
 
 TEST_F(ServiceConnectionTest, ReadsInItsTurnsAndNoticesTheEndAtOnce) {
-    struct Idle : ReadTurns::Reader {
-        void ReadInTurn(int) override {}
-    };
     const std::string sent(100000, 's');
     lab::ScriptedServer service({[&](lab::Connection& peer) { peer.Write(sent); }});
     owner.line.waiting = others;
@@ -214,6 +216,21 @@ TEST_F(ServiceConnectionTest, ReadsWhatHasArrivedOnceWhenItIsStopped) {
     }
 }
 
+TEST_F(ServiceConnectionTest, LeavesTheTurnsWhenItIsLetGoOf) {
+    lab::ScriptedServer service({[](lab::Connection& peer) {
+        peer.Write("x");
+        peer.ReadToEnd();
+    }});
+    owner.line.waiting = others;
+    Connect(service.Port());
+    RunUntil([&] { return owner.line.asked > 0; });
+    Idle other;
+    EXPECT_EQ(owner.turns.MayRead(other, 0), 0);
+    owner.connection.reset();
+    owner.line.waiting = 0;
+    EXPECT_GT(owner.turns.MayRead(other, 0), 0) << "nobody waits";
+}
+
 TEST_F(ServiceConnectionTest, WritesABatchOfPayloadsAtOnceAndLogsEach) {
     lab::ScriptedServer service({[](lab::Connection& peer) { EXPECT_EQ(peer.ReadToEnd(), "threeone4"); }});
     const auto connection = Connect(service.Port());
@@ -250,21 +267,28 @@ TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
 }
 
 TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
-    std::string received;
+    const std::string payload = support::Megabytes(10);
+    std::promise<void> isEnded;
+    std::atomic<bool> hasAll = false;
     lab::ScriptedServer service({[&](lab::Connection& peer) {
         peer.Read(1);
         peer.ShutdownSend();
-        std::this_thread::sleep_for(20ms);
-        received = peer.ReadToEnd();
+        isEnded.get_future().wait();
+        EXPECT_TRUE(peer.Read(payload.size() - 1) == payload.substr(1));
+        hasAll = true;
+        EXPECT_EQ(peer.ReadToEnd(), "");
     }});
-    const auto connection = Connect(service.Port(), 1s);  // for a busy machine: all of it has to arrive
-    const std::string payload = support::Megabytes(10);
+    auto connection = Connect(service.Port(), 10s);
     Send(*connection, payload);
     Send(*connection, "never begun");
-    RunToTheEnd();
+    RunUntil([&] { return owner.calls == "disconnect " + id + "\n"; });
     EXPECT_EQ(log.Count("ServiceConnection::ListenToService, session " + id + ", (2) End of file"), 1U);
-    service.Finish();
-    EXPECT_TRUE(received == payload.substr(1)) << received.size();
+    isEnded.set_value();
+    RunUntil([&] { return hasAll.load(); });
+    io.poll();
+    owner.connection.reset();
+    connection.reset();
+    EXPECT_NO_THROW(service.Finish());
 }
 
 // Paused, it reads nothing: the write is the one to meet the reset.
