@@ -33,8 +33,9 @@ std::size_t FrameReader::ReadSize() const {
     return missing > readBytes ? missing + headerBytes : readBytes;
 }
 
+// An empty buffer does not start again at its front either: bytes that were handed out stay poisoned for a while.
 void FrameReader::MakeRoom(std::size_t size) {
-    if (Unread() > 0 && end + size <= bufferBytes) return;
+    if (end + size <= bufferBytes) return;
     ASAN_UNPOISON_MEMORY_REGION(buffer.get(), bufferBytes);
     std::memmove(buffer.get(), &buffer[begin], Unread());
     end -= begin;

@@ -34,8 +34,6 @@ public:
     bool IsEmpty() const { return kept.empty() && arrived.empty(); }
     /// Whether payloads have been copied.
     bool HasKept() const { return !kept.empty(); }
-    /// Whether the first payload has been written in part.
-    bool HasBegun() const { return sentBytes + notKept > 0; }
     /// One piece for each payload to be written next; the rest is empty. The queue is not empty.
     /// @param count of payloads at most
     Pieces Next(std::size_t count = SIZE_MAX) const;

@@ -160,11 +160,11 @@ void ServiceConnection::SendArrived() {
     queue.KeepArrived();
 }
 
-// A payload once begun is written to its end, even if the service has ended its own half meanwhile.
 void ServiceConnection::SendAsync() {
-    if (state != State::Failed || queue.HasBegun()) WriteQueue();
+    if (state != State::Failed) WriteQueue();
 }
 
+// A payload once begun is written to its end, even if the service has ended its own half meanwhile; no other is.
 void ServiceConnection::WriteQueue() {
     // While the connect is under way the write waits behind it. It must not be tried: a socket reports only once why
     // its connect failed.

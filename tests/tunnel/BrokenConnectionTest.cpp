@@ -97,16 +97,18 @@ Lines ExpectedEnd(Way way, std::size_t steps, bool insidePayload) {
 }
 
 /// The log of errors. A reset is met by reading, by writing or by both. All steps have to fit into the time limit of
-/// verification: `isLate` when the server, on a busy machine, has taken too much of it.
+/// verification: `isLate` when server or agent, on a busy machine, have taken too much of it.
 Lines RunThrough(Way way, const Script& script, std::size_t first, std::atomic<bool>& isLate) {
     constexpr auto limit = 200ms;
     std::vector<lab::Conversation> conversations;
     for (std::size_t steps = first; steps < first + 3; ++steps) {
         conversations.push_back([=, &script, &isLate](lab::Connection& agent) {
             const auto begin = std::chrono::steady_clock::now();
+            const auto takes = [&] { return std::chrono::steady_clock::now() - begin; };
             for (std::size_t i = 0; i < std::min(steps, script.size()); ++i) script[i].play(agent);
-            isLate = isLate || std::chrono::steady_clock::now() - begin > limit / 4;
+            isLate = isLate || takes() > limit / 4;
             End(agent, way, steps >= verifiedAfter);
+            isLate = isLate || (way == Way::Close && takes() > limit * 3 / 4);
         });
     }
     Delays delays = QuickDelays();
