@@ -12,8 +12,9 @@ namespace nox::tunnel_client {
 
 /// Lets sessions take turns at reading from their services while the tunnel is busy.
 ///
-/// A session may read ahead while its own frames are all that waits to be written. When frames of another session
-/// wait, it takes its turn: it reads when the queue is empty, in the order of asking. So sessions together hold no more
+/// A session that is alone may read ahead while its own frames wait to be written. When frames of another session wait,
+/// or another has read within the last five seconds, it takes its turn: it reads when the queue is empty, in the order
+/// of asking. So sessions together hold no more
 /// memory than one, and none waits for all that another could read ahead. On a line that has to be waited for a turn is
 /// one frame, so that the next session has its turn soon; on one that takes everything a turn is several frames,
 /// because each turn costs calls.

@@ -58,7 +58,7 @@ private:
     ReadTurns turns;
     bool isStopping = false;
     std::map<std::string, std::shared_ptr<ServiceConnection>, std::less<>> sessions;
-    std::vector<std::weak_ptr<ServiceConnection>> reached;  // by data that they have not sent yet
+    std::vector<std::weak_ptr<ServiceConnection>> reached;  // given data in this batch
 };
 
 }  // namespace nox::tunnel_client

@@ -71,7 +71,7 @@ void TunnelConnection::ListenToTunnelServer() {
 
 // The frame whose reading was under way when the connection had to stop is still acted on, and no other.
 bool TunnelConnection::HandleMessage(const FrameHeader& header, std::string_view payload) {
-    // A session that is ended or replaced now has sent what arrived for it before.
+    // A session that this message ends or replaces must first get what has arrived for it.
     if (header.type != dataFrame) sessions.SendArrived();
     LogWrite("TunnelClient", 214, logVerbose, "Received message, type %d, length %d", header.type,
              static_cast<int>(payload.size()));
