@@ -16,7 +16,8 @@ import subprocess
 import threading
 import time
 
-SLOW_LINE = ("20", "15")  # megabits per second from the device, milliseconds each way
+SLOW_LINE = ("20", "15", "10000")  # megabits per second from the device, milliseconds each way, megabits to it
+NARROW_LINE = ("1000", "0", "29")  # brings the device a packet every 0.4 ms
 
 # The device's side has a processor of its own, the last one, as a device has; its cloud and the clients share the
 # others. Left to the kernel, who wakes whom on which processor decided more than any forwarder did.
@@ -68,9 +69,9 @@ class Forwarder:
 
     has_uplink = True  # the device's side and the cloud's are two processes with a connection between them
 
-    def __init__(self, tools, folder, service_port, slow=False, counts_mallocs=False, frame_bytes=None):
+    def __init__(self, tools, folder, service_port, line=None, counts_mallocs=False, frame_bytes=None):
         self.tools, self.folder, self.service_port = tools, folder, service_port
-        self.slow, self.counts_mallocs, self.frame_bytes = slow, counts_mallocs, frame_bytes
+        self.line, self.counts_mallocs, self.frame_bytes = line, counts_mallocs, frame_bytes
         self.processes, self.device, self.proxy = [], None, None
 
     def __enter__(self):
@@ -94,9 +95,9 @@ class Forwarder:
 
     def via_line(self, port):
         """The port that the device connects to in order to reach `port`."""
-        if not self.slow:
+        if not self.line:
             return port
-        return int(self.run("link", self.tools + "/bench-link", str(port), *SLOW_LINE).wait_for(r"port (\d+)")[1])
+        return int(self.run("link", self.tools + "/bench-link", str(port), *self.line).wait_for(r"port (\d+)")[1])
 
     def device_environment(self):
         environment = dict(os.environ, no_proxy="127.0.0.1")
@@ -193,7 +194,7 @@ class Agent(WithLab):
         environment = self.device_environment()
         with open(self.environment, encoding="utf-8") as file:
             environment.update(re.findall(r"^(\w+)='(.*)'$", file.read(), re.MULTILINE))
-        if self.slow:  # an HTTP proxy tells the agent that the tunnel server is where the line begins
+        if self.line:  # an HTTP proxy tells the agent that the tunnel server is where the line begins
             self.proxy = Proxy(self.api, {f":{self.tunnel}\"": f":{self.via_line(self.tunnel)}\""})
             environment.update(http_proxy=f"http://127.0.0.1:{self.proxy.server_port}", no_proxy="")
         agent = on_device((self.build or self.tools + "/..") + "/core/tunnel-client", self.config)

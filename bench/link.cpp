@@ -1,6 +1,6 @@
 // A slow line between a device and its cloud: relays connections to a local port, everything both ways later
-// by DELAY milliseconds, and what the device sends at MEGABITS per second in all. Usage: bench-link
-// TARGET_PORT MEGABITS DELAY, which prints its own port and relays until it is killed.
+// by DELAY milliseconds, and at UP and DOWN megabits per second in all from and to the device. Usage: bench-link
+// TARGET_PORT UP DELAY DOWN, which prints its own port and relays until it is killed.
 
 #include <netinet/tcp.h>
 
@@ -99,8 +99,11 @@ private:
 };
 
 struct Link {
-    Link(unsigned short port, double megabits, std::chrono::milliseconds delayOfLine)
-        : up{megabits * 1e6}, target(asio::ip::address_v4::loopback(), port), delay(delayOfLine) {
+    Link(unsigned short port, double upMegabits, std::chrono::milliseconds delayOfLine, double downMegabits)
+        : up{upMegabits * 1e6},
+          down{downMegabits * 1e6},
+          target(asio::ip::address_v4::loopback(), port),
+          delay(delayOfLine) {
         // Little waits in the line itself, and packets are as small as on a real one: loopback's are larger
         // than such a buffer, and would trickle.
         acceptor.set_option(asio::socket_base::receive_buffer_size(16384));
@@ -129,7 +132,7 @@ struct Link {
 
     asio::io_context io{1};
     tcp::acceptor acceptor{io, {asio::ip::address_v4::loopback(), 0}, false};
-    Wire up, down{1e10};
+    Wire up, down;
     tcp::endpoint target;
     std::chrono::milliseconds delay;
 };
@@ -137,9 +140,9 @@ struct Link {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) return 2;
+    if (argc != 5) return 2;
     Link link(static_cast<unsigned short>(std::atoi(argv[1])), std::atof(argv[2]),
-              std::chrono::milliseconds(std::atoi(argv[3])));
+              std::chrono::milliseconds(std::atoi(argv[3])), std::atof(argv[4]));
     link.Accept();
     link.io.run();
 }

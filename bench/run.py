@@ -28,12 +28,12 @@ MEASURES = {
     "streams": ({}, lambda kind: kind is not kinds.Direct, 1),
     "sessions": ({}, lambda kind: True, 2),
     "memory": ({}, lambda kind: kind is not kinds.Direct, 1),
-    "line": ({"slow": True}, lambda kind: kind.has_uplink, 1),
+    "line": ({"line": kinds.SLOW_LINE}, lambda kind: kind.has_uplink, 1),
     "mallocs": ({"counts_mallocs": True}, lambda kind: kind in WITH_FLOOR, 1),
     "frames": ({"frame_bytes": 16384}, lambda kind: kind in WITH_FLOOR, 2),
-    "pieces": ({}, lambda kind: kind in WITH_FLOOR, 3),
+    "pieces": ({"line": kinds.NARROW_LINE}, lambda kind: kind in WITH_FLOOR, 3),
     "both": ({}, lambda kind: kind in AGENTS, 2),
-    "fair": ({"slow": True}, lambda kind: kind in (*AGENTS, kinds.Ssh), 1),
+    "fair": ({"line": kinds.SLOW_LINE}, lambda kind: kind in (*AGENTS, kinds.Ssh), 1),
     "queued": ({}, lambda kind: kind in AGENTS, 1),
     "drained": ({}, lambda kind: kind in AGENTS, 1),
 }
@@ -169,7 +169,7 @@ def measure_heartbeats(options, folder, port, figures):
         for name in options.forwarders:
             if kinds.FORWARDERS[name] in AGENTS:
                 own = tempfile.mkdtemp(dir=folder)
-                standing.append(ends.enter_context(kinds.FORWARDERS[name](options.tools, own, port, slow=True)))
+                standing.append(ends.enter_context(kinds.FORWARDERS[name](options.tools, own, port, line=kinds.SLOW_LINE)))
         try:
             for name, figure, value in measures.heartbeats(standing, options.quick):
                 figures[name][figure] = [value]

@@ -44,21 +44,6 @@ void Bulk(std::size_t count, const Words& words) {
     std::printf("{\"bytes\": %zu, \"seconds\": %.6f}\n", count / streams * streams, Since(start));
 }
 
-void Pieces(std::size_t count, const Words& words) {
-    const std::string piece(std::stoul(words.at(0)), '.');
-    const std::chrono::microseconds every(std::stoul(words.at(1)));
-    auto socket = ConnectMany(1);
-    WaitForStart();
-    const auto start = Clock::now();
-    Ask(socket[0], bench::download, count * piece.size());
-    for (std::size_t i = 0; i < count; ++i) {
-        std::this_thread::sleep_until(start + i * every);
-        asio::write(socket[0], asio::buffer(piece));
-    }
-    ReadByte(socket[0]);
-    std::printf("{\"bytes\": %zu, \"seconds\": %.6f}\n", count * piece.size(), Since(start));
-}
-
 void Both(std::size_t seconds, const Words& words) {
     const Flood flood(std::stoul(words.at(0)), bench::bothWays);
     flood.WaitUntilReceived(1);

@@ -13,9 +13,6 @@ void Prove(std::size_t bytes, const Words& words);
 /// bulk BYTES up|down STREAMS: that many bytes in all.
 void Bulk(std::size_t bytes, const Words& words);
 
-/// pieces COUNT BYTES MICROSECONDS: so many pieces of so many bytes to the service, one every so often.
-void Pieces(std::size_t count, const Words& words);
-
 /// both SECONDS STREAMS: each session moves as much as it can both ways at once.
 void Both(std::size_t seconds, const Words& words);
 

@@ -14,10 +14,10 @@ namespace {
 using load::Words;
 
 const std::map<std::string, void (*)(std::size_t, const Words&)> kinds = {
-    {"prove", load::Prove},         {"bulk", load::Bulk},     {"pieces", load::Pieces},
-    {"both", load::Both},           {"idle", load::Idle},     {"flood", load::Uploads},
-    {"roundtrip", load::RoundTrip}, {"beside", load::Beside}, {"skips", load::Skips},
-    {"sessions", load::Sessions},   {"queued", load::Queued}, {"drained", load::Drained}};
+    {"prove", load::Prove},   {"bulk", load::Bulk},      {"both", load::Both},
+    {"idle", load::Idle},     {"flood", load::Uploads},  {"roundtrip", load::RoundTrip},
+    {"beside", load::Beside}, {"skips", load::Skips},    {"sessions", load::Sessions},
+    {"queued", load::Queued}, {"drained", load::Drained}};
 
 }  // namespace
 
