@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "log/Log.h"
 
@@ -19,18 +20,23 @@ void FrameReader::ListenToTunnelServer() {
     Read();
 }
 
+// Of a large frame the rest and the next header, so that the frame after it need not be moved in the buffer.
 void FrameReader::Read() {
-    const std::size_t size = ReadSize();
+    const std::size_t size = std::max(Missing() + headerBytes, readBytes);
+    SetWakeBytes(Missing() > wakeBytes ? wakeBytes : 1);
     MakeRoom(size);
     ASAN_UNPOISON_MEMORY_REGION(&buffer[end], size);
     socket.async_read_some(asio::buffer(&buffer[end], size),
                            [this](std::error_code error, std::size_t got) { OnRead(error, got); });
 }
 
-// Of a large frame the rest and the next header, so that the frame after it need not be moved in the buffer.
-std::size_t FrameReader::ReadSize() const {
-    const std::size_t missing = hasHeader ? FrameSize() - Unread() : 0;
-    return missing > readBytes ? missing + headerBytes : readBytes;
+// A frame is of no use before it is complete, and a slow line would wake the agent for each of its packets. Never more
+// than is missing, or the frame's end would wait for the frame after it. The end of the connection wakes it in any
+// case, see SO_RCVLOWAT in socket(7). Without the option everything still works.
+void FrameReader::SetWakeBytes(int bytes) {
+    if (std::exchange(wakesAt, bytes) == bytes) return;
+    std::error_code ignored;
+    socket.set_option(asio::socket_base::receive_low_watermark(bytes), ignored);
 }
 
 // An empty buffer does not start again at its front either: bytes that were handed out stay poisoned for a while.

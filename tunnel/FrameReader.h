@@ -40,11 +40,13 @@ public:
 private:
     // With more of either in a batch, services would wait too long while the server floods.
     static constexpr std::size_t readBytes = 65536;
-    static constexpr int maxBatch = 16;  // frames
+    static constexpr int maxBatch = 16;      // frames
+    static constexpr int wakeBytes = 16384;  // of a large frame's rest; fits any socket's receive buffer
     static constexpr std::size_t bufferBytes = headerBytes + maxPayloadBytes + readBytes;
 
     void Read();
-    std::size_t ReadSize() const;
+    std::size_t Missing() const { return hasHeader ? FrameSize() - Unread() : 0; }
+    void SetWakeBytes(int bytes);
     void MakeRoom(std::size_t size);
     void OnRead(std::error_code error, std::size_t size);
     void HandleFrames();
@@ -61,6 +63,7 @@ private:
     asio::ip::tcp::socket& socket;
     Owner& owner;
     std::unique_ptr<char[]> buffer;  // bufferBytes; a page costs memory from its first use on
+    int wakesAt = 1;                 // bytes that arrive before the kernel wakes the agent
     std::size_t begin = 0, end = 0;  // of the bytes that have been read and not been handed out
     bool hasHeader = false;          // the frame at `begin` has a header, decoded and logged
     bool isOver = false;             // nothing more is read or handed out

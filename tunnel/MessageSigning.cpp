@@ -2,14 +2,12 @@
 
 #include <openssl/md5.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdlib>
-#include <numeric>
+#include <map>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace nox::tunnel_client {
 
@@ -32,22 +30,12 @@ std::string MillisecondsSinceEpoch() {
     return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// rand() is never seeded, here or anywhere in the agent, so each start repeats the same
-// nonces; servers know them so.
+// rand() is never seeded, here or anywhere in the agent, so each start repeats the same nonces; servers know them so.
 std::string Nonce() {
     constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     std::string nonce;
     while (nonce.size() < 16) nonce += alphabet[static_cast<unsigned>(std::rand()) % alphabet.size()];
     return nonce;
-}
-
-// Positions of the members in ascending order of their names; bytes compare as unsigned.
-std::vector<std::size_t> SortedPositions(const std::vector<std::string>& names) {
-    std::vector<std::size_t> positions(names.size());
-    std::iota(positions.begin(), positions.end(), std::size_t{0});
-    std::sort(positions.begin(), positions.end(),
-              [&names](std::size_t left, std::size_t right) { return names[left] < names[right]; });
-    return positions;
 }
 
 }  // namespace
@@ -69,20 +57,16 @@ void AddTimestampAndNonce(json::jobject& message) {
     message["noncestr"] = Nonce();
 }
 
-// A number is signed by its text, so a time stamp sent as a number and one sent as a string sign alike.
+// In ascending order of the members' names, whose bytes compare as unsigned. A number is signed by its text, so a time
+// stamp sent as a number and one sent as a string sign alike.
 std::string ComputeSign(const std::string& secret, const json::jobject& message) {
     if (!message.has_key("timestamp")) throw json::invalid_key("timestamp");
-    const std::vector<std::string> names = message.list_keys();
-    std::string text;
-    text.reserve(256);  // as most are
-    text += secret;
-    for (const std::size_t position : SortedPositions(names)) {
-        if (names[position] == "sign") continue;
-        text += names[position];
-        text += message.at(position).as_string();
-    }
-    text += secret;
-    return Md5HexUpper(text);
+    std::multimap<std::string, std::size_t> positions;
+    for (const std::string& name : message.list_keys()) positions.emplace(name, positions.size());
+    std::string text = secret;
+    for (const auto& [name, position] : positions)
+        if (name != "sign") text += name + message.at(position).as_string();
+    return Md5HexUpper(text + secret);
 }
 
 void SignMessage(const std::string& secret, json::jobject& message) {

@@ -63,7 +63,13 @@ protected:
     }
     void WriteAndRead(const std::string& piece) {
         Write(piece);
-        ASSERT_TRUE(RunUntil(io, [&] { return pair.near.available() == 0; }));
+        ASSERT_TRUE(RunUntil(io, [&] { return pair.near.available() < WakesAt(); }));
+    }
+    // Bytes that have to arrive before the reader is woken.
+    std::size_t WakesAt() {
+        asio::socket_base::receive_low_watermark bytes;
+        pair.near.get_option(bytes);
+        return static_cast<std::size_t>(bytes.value());
     }
     void RunToTheEnd() {
         io.restart();
@@ -124,6 +130,33 @@ INSTANTIATE_TEST_SUITE_P(
                     Split{"InHeaderAndPayload", manySizes, {1, 20, 22, 16000, 65536, 131092}},
                     Split{"SegmentsOfAModem", manySizes, {}, 1448}, Split{"OddBlocks", manySizes, {}, 99991}),
     [](const auto& row) { return std::string(row.param.name); });
+
+// A slow line would wake the agent for each packet of a large frame.
+TEST_F(FrameReaderTest, IsWokenOnlyForMuchOfALargeFrameUntilLittleIsMissing) {
+    const std::string frame = Header(0, 40000) + std::string(40000, 'x');
+    const auto expectUnread = [&](std::size_t bytes) {
+        ASSERT_TRUE(RunUntil(io, [&] { return pair.near.available() >= bytes; }));
+        io.poll();
+        EXPECT_EQ(pair.near.available(), bytes);
+    };
+    reader.ListenToTunnelServer();
+    WriteAndRead(frame.substr(0, 20));
+    EXPECT_EQ(WakesAt(), 1U);
+    WriteAndRead(frame.substr(20, 10));
+    EXPECT_EQ(WakesAt(), 16384U);
+    Write(frame.substr(30, 16383));
+    expectUnread(16383);
+    WriteAndRead(frame.substr(16413, 7224));
+    EXPECT_EQ(WakesAt(), 1U) << "more than is missing";
+    WriteAndRead(frame.substr(23637) + frame.substr(0, 30));
+    EXPECT_EQ(owner.frames, 1);
+    Write(std::string(500, 'x'));
+    expectUnread(500);
+    pair.far.close();
+    RunToTheEnd();
+    EXPECT_EQ(log.Lines().back(), "[TunnelClient:193] ListenToTunnelServer - read data: (2) End of file");
+    EXPECT_TRUE(owner.bytes == frame);
+}
 
 TEST_F(FrameReaderTest, HandsOutSixteenFramesInOneTurnOfTheLoop) {
     std::string bytes;
