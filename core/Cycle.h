@@ -1,8 +1,8 @@
 #pragma once
 
-#include "core/Configuration.h"
 #include "registration/RegistrationClient.h"
 #include "tunnel/Delays.h"
+#include "tunnel/TunnelConfig.h"
 
 namespace nox::tunnel_client {
 

@@ -3,10 +3,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "lab/Frame.h"
 #include "lab/Listener.h"
-#include "lab/Signing.h"
 #include "lab/Weakly.h"
+#include "lab/wire/Frame.h"
+#include "lab/wire/Signing.h"
 
 namespace lab {
 

@@ -10,12 +10,12 @@
 #include <string>
 
 #include "lab/Buffers.h"
-#include "lab/ControlMessage.h"
 #include "lab/Directory.h"
-#include "lab/FrameReader.h"
 #include "lab/Report.h"
 #include "lab/Session.h"
 #include "lab/Settings.h"
+#include "lab/wire/ControlMessage.h"
+#include "lab/wire/FrameReader.h"
 
 namespace lab {
 

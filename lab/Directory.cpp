@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "lab/RandomText.h"
 #include "lab/Settings.h"
+#include "lab/wire/RandomText.h"
 
 namespace lab {
 

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "lab/Directory.h"
-#include "lab/Frame.h"
 #include "lab/Registration.h"
 #include "lab/RegistrationApi.h"
 #include "lab/Report.h"
@@ -14,6 +13,7 @@
 #include "lab/Settings.h"
 #include "lab/SsoService.h"
 #include "lab/TunnelServer.h"
+#include "lab/wire/Frame.h"
 
 namespace lab {
 

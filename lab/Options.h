@@ -5,8 +5,8 @@
 #include <string>
 
 #include "lab/AgentFiles.h"
-#include "lab/Frame.h"
 #include "lab/Settings.h"
+#include "lab/wire/Frame.h"
 
 namespace lab {
 

@@ -4,8 +4,8 @@
 #include <array>
 #include <utility>
 
-#include "lab/Frame.h"
 #include "lab/Weakly.h"
+#include "lab/wire/Frame.h"
 
 namespace lab {
 

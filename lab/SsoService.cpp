@@ -3,9 +3,9 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "lab/Frame.h"
-#include "lab/Members.h"
 #include "lab/Weakly.h"
+#include "lab/wire/Frame.h"
+#include "lab/wire/Members.h"
 
 namespace lab {
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <utility>
 
-#include "core/Configuration.h"
 #include "json/json.h"
 #include "registration/CurlConnection.h"
+#include "registration/RegistrationConfig.h"
 
 namespace nox::tunnel_client {
 

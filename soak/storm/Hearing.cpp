@@ -3,7 +3,7 @@
 #include <utility>
 #include <vector>
 
-#include "lab/Frame.h"
+#include "lab/wire/Frame.h"
 #include "soak/storm/Speech.h"
 
 namespace storm {

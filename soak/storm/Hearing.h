@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "lab/ControlMessage.h"
-#include "lab/FrameReader.h"
+#include "lab/wire/ControlMessage.h"
+#include "lab/wire/FrameReader.h"
 #include "soak/storm/Opening.h"
 
 namespace storm {

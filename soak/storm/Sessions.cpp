@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "lab/Frame.h"
+#include "lab/wire/Frame.h"
 #include "soak/storm/Service.h"
 
 namespace storm {

@@ -4,9 +4,9 @@
 #include <array>
 #include <utility>
 
-#include "lab/ControlMessage.h"
-#include "lab/Frame.h"
-#include "lab/Signing.h"
+#include "lab/wire/ControlMessage.h"
+#include "lab/wire/Frame.h"
+#include "lab/wire/Signing.h"
 
 namespace storm {
 

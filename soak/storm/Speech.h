@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "lab/Buffers.h"
-#include "lab/Members.h"
+#include "lab/wire/Members.h"
 #include "soak/storm/Opening.h"
 
 namespace storm {

@@ -8,9 +8,9 @@
 #include <regex>
 #include <sstream>
 
-#include "lab/ScriptedPeers.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
+#include "tests/support/ScriptedPeers.h"
 
 namespace {
 
@@ -28,18 +28,18 @@ std::string Replaced(std::string text, const std::string& word, const std::strin
 // A cloud that keeps what it was asked. Every exchange is a connection of its own.
 class AgentTest : public testing::Test {
 protected:
-    lab::Conversation Sso(const std::string& reply) {
-        return [this, reply](lab::Connection& agent) {
-            asked.push_back(lab::ReadSsoRequest(agent));
-            agent.Write(lab::SsoReply(reply));
+    support::Conversation Sso(const std::string& reply) {
+        return [this, reply](support::Connection& agent) {
+            asked.push_back(support::ReadSsoRequest(agent));
+            agent.Write(support::SsoReply(reply));
         };
     }
-    lab::Conversation Api(int status, const std::string& reply) {
-        return [this, status, reply](lab::Connection& agent) {
-            const lab::HttpRequest request = lab::ReadHttpRequest(agent);
+    support::Conversation Api(int status, const std::string& reply) {
+        return [this, status, reply](support::Connection& agent) {
+            const support::HttpRequest request = support::ReadHttpRequest(agent);
             asked.push_back(request.method + " " + request.target + " " + request.Header("Authorization") +
                             " " + request.body);
-            agent.Write(lab::HttpReply(status, reply));
+            agent.Write(support::HttpReply(status, reply));
         };
     }
     std::string Configuration(unsigned short ssoPort, const std::string& level) {
@@ -74,17 +74,17 @@ const std::string added =
 
 TEST_F(AgentTest, RegistersInOrderAndOpensTheTunnel) {
     std::string verify;
-    lab::ScriptedServer tunnel({[&](lab::Connection& agent) {
-        verify = lab::ReadControl(agent);
-        lab::WriteControl(agent, "tunnel-password", R"({"method":"message","message":"welcome"})");
-        lab::ReadFrame(agent);
+    support::ScriptedServer tunnel({[&](support::Connection& agent) {
+        verify = support::ReadControl(agent);
+        support::WriteControl(agent, "tunnel-password", R"({"method":"message","message":"welcome"})");
+        support::ReadFrame(agent);
     }});
-    lab::ScriptedServer api({Api(400, R"({"apiVersion":"2.0.0"})"),
-                             Api(200, Replaced(added, "TUNNEL", std::to_string(tunnel.Port()))),
-                             Api(200, "one"), Api(200, "two")});
-    lab::ScriptedServer sso({Sso(Replaced(identity, "API", std::to_string(api.Port()))),
-                             Sso(R"({"status":"ok","certificate_id":"cert-1"})"),
-                             Sso(R"({"status":"ok","token":"tok"})")});
+    support::ScriptedServer api({Api(400, R"({"apiVersion":"2.0.0"})"),
+                                 Api(200, Replaced(added, "TUNNEL", std::to_string(tunnel.Port()))),
+                                 Api(200, "one"), Api(200, "two")});
+    support::ScriptedServer sso({Sso(Replaced(identity, "API", std::to_string(api.Port()))),
+                                 Sso(R"({"status":"ok","certificate_id":"cert-1"})"),
+                                 Sso(R"({"status":"ok","token":"tok"})")});
     support::Process agent({AGENT_PROGRAM, Configuration(sso.Port(), "info")}, device);
     tunnel.Finish();
     const std::string heartbeat = "[TunnelClient:448] Sending heartbeat";
@@ -136,20 +136,20 @@ TEST_F(AgentTest, RegistersInOrderAndOpensTheTunnel) {
 
 // With the clock ten times as fast, so that the real delays fit into a test.
 TEST_F(AgentTest, RegistersAgainAfterThreeConnectionsThatDied) {
-    const lab::Conversation serve = [](lab::Connection& agent) {
-        lab::ReadControl(agent);
-        lab::WriteControl(agent, "tunnel-password", R"({"method":"anything"})");
-        lab::ReadFrame(agent);
+    const support::Conversation serve = [](support::Connection& agent) {
+        support::ReadControl(agent);
+        support::WriteControl(agent, "tunnel-password", R"({"method":"anything"})");
+        support::ReadFrame(agent);
     };
-    lab::ScriptedServer tunnel({serve, serve, serve, serve});
+    support::ScriptedServer tunnel({serve, serve, serve, serve});
     const std::string endpoint = Replaced(added, "TUNNEL", std::to_string(tunnel.Port()));
     const auto removed = Api(200, R"({"apiVersion":"2.0.0"})");
     const auto addedDevice = Api(200, endpoint);
     const auto route = Api(200, "{}");
-    lab::ScriptedServer api({removed, addedDevice, route, route, removed, addedDevice, route, route});
+    support::ScriptedServer api({removed, addedDevice, route, route, removed, addedDevice, route, route});
     const auto token = Sso(R"({"status":"ok","token":"tok"})");
-    lab::ScriptedServer sso({Sso(Replaced(identity, "API", std::to_string(api.Port()))),
-                             Sso(R"({"status":"ok","certificate_id":"cert-1"})"), token, token});
+    support::ScriptedServer sso({Sso(Replaced(identity, "API", std::to_string(api.Port()))),
+                                 Sso(R"({"status":"ok","certificate_id":"cert-1"})"), token, token});
     std::vector<std::string> environment = device;
     environment.insert(environment.end(), {"LD_PRELOAD=" FAKETIME_LIBRARY, "FAKETIME=+0 x10",
                                            "ASAN_OPTIONS=verify_asan_link_order=0"});
@@ -177,7 +177,7 @@ TEST_F(AgentTest, RegistersAgainAfterThreeConnectionsThatDied) {
 }
 
 TEST_F(AgentTest, LivesOnWhenNothingAnswers) {
-    const unsigned short closed = lab::ScriptedServer({}).Port();
+    const unsigned short closed = support::ScriptedServer({}).Port();
     support::Process agent({AGENT_PROGRAM, Configuration(closed, "error")}, device);
     const auto turns = [&agent] {
         std::size_t count = 0;

@@ -6,9 +6,9 @@
 #include <regex>
 #include <thread>
 
-#include "lab/ScriptedServer.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ std::string RandomBytes(std::size_t size, unsigned seed) {
     return text;
 }
 
-void WriteInPieces(lab::Connection& peer, const std::string& bytes, unsigned seed) {
+void WriteInPieces(support::Connection& peer, const std::string& bytes, unsigned seed) {
     std::mt19937 sizes(seed);
     for (std::size_t sent = 0; sent < bytes.size();) {
         const std::string piece = bytes.substr(sent, sizes() % 100000 + 1);
@@ -35,12 +35,12 @@ struct Exchange {
     explicit Exchange(unsigned seed, std::size_t size = 3000000)
         : down(RandomBytes(size, seed)),
           up(RandomBytes(size, seed + 1000)),
-          service({[this, seed](lab::Connection& peer) {
+          service({[this, seed](support::Connection& peer) {
               received = peer.Read(down.size());
               WriteInPieces(peer, up, seed);
           }}) {}
     std::string down, up, received;
-    lab::ScriptedServer service;
+    support::ScriptedServer service;
 };
 
 class AgentWithLabTest : public testing::Test {
@@ -72,7 +72,7 @@ protected:
     }
     /// One client's half of an exchange.
     static std::string Fetch(unsigned short routePort, const Exchange& exchange) {
-        auto client = lab::Connection::To(routePort);
+        auto client = support::Connection::To(routePort);
         WriteInPieces(client, exchange.down, 77);
         return client.ReadToEnd();
     }
@@ -116,21 +116,21 @@ TEST_F(AgentWithLabTest, CarriesSeveralSessionsAtOnce) {
 }
 
 TEST_F(AgentWithLabTest, ClosesTheClientOfAServiceThatIsNotThere) {
-    Start({lab::ScriptedServer({}).Port()});
-    EXPECT_EQ(lab::Connection::To(RoutePort(0)).ReadToEnd(), "");
+    Start({support::ScriptedServer({}).Port()});
+    EXPECT_EQ(support::Connection::To(RoutePort(0)).ReadToEnd(), "");
     EXPECT_TRUE(support::Eventually(
         [&] { return LabSaid("closed by device, 0 bytes to device, 0 bytes from device"); }));
 }
 
 TEST_F(AgentWithLabTest, LeavesNothingBehindOfSessionsThatEnded) {
     const std::string large(100000, 'x');
-    std::vector<lab::Conversation> echoes(
-        30, [&](lab::Connection& peer) { peer.Write(peer.Read(large.size())); });
-    lab::ScriptedServer service(echoes);
+    std::vector<support::Conversation> echoes(
+        30, [&](support::Connection& peer) { peer.Write(peer.Read(large.size())); });
+    support::ScriptedServer service(echoes);
     Start({service.Port()});
     const std::size_t descriptors = agent->Descriptors();
     for (std::size_t i = 0; i < echoes.size(); ++i) {
-        auto client = lab::Connection::To(RoutePort(0));
+        auto client = support::Connection::To(RoutePort(0));
         client.Write(large);
         EXPECT_TRUE(client.ReadToEnd() == large);
     }

@@ -6,7 +6,7 @@
 
 namespace {
 
-using lab::Connection;
+using support::Connection;
 
 /// What answers every request to the SSO service.
 std::string Identity(unsigned short api) {
@@ -23,16 +23,18 @@ std::string Added(unsigned short tunnel) {
 
 }  // namespace
 
-std::vector<lab::Conversation> Always(const lab::Conversation& conversation) { return {500, conversation}; }
+std::vector<support::Conversation> Always(const support::Conversation& conversation) {
+    return {500, conversation};
+}
 
-Cloud::Cloud(const lab::Conversation& tunnel, const std::function<void(const std::string&)>& whenAsked)
+Cloud::Cloud(const support::Conversation& tunnel, const std::function<void(const std::string&)>& whenAsked)
     : tunnelServer(Always(tunnel)),
-      api(Always([whenAsked, reply = lab::HttpReply(200, Added(tunnelServer.Port()))](Connection& agent) {
-          whenAsked(lab::ReadHttpRequest(agent).target);
+      api(Always([whenAsked, reply = support::HttpReply(200, Added(tunnelServer.Port()))](Connection& agent) {
+          whenAsked(support::ReadHttpRequest(agent).target);
           agent.Write(reply);
       })),
-      sso(Always([whenAsked, reply = lab::SsoReply(Identity(api.Port()))](Connection& agent) {
-          whenAsked(lab::ReadSsoRequest(agent));
+      sso(Always([whenAsked, reply = support::SsoReply(Identity(api.Port()))](Connection& agent) {
+          whenAsked(support::ReadSsoRequest(agent));
           agent.Write(reply);
       })) {}
 
@@ -59,28 +61,28 @@ std::vector<std::string> Cloud::Environment(int speed, std::vector<std::string> 
 }
 
 void says::Welcome(Connection& agent) {
-    lab::ReadControl(agent);
-    lab::WriteControl(agent, Cloud::password, R"({"method":"message","message":"welcome"})");
+    support::ReadControl(agent);
+    support::WriteControl(agent, Cloud::password, R"({"method":"message","message":"welcome"})");
 }
 
 void says::NewSession(Connection& agent, const std::string& id, unsigned short port) {
-    lab::WriteControl(agent, Cloud::password,
-                      R"({"method":"new_session","session":")" + id +
-                          R"(","localHost":"127.0.0.1","localPort":)" + std::to_string(port) + "}");
+    support::WriteControl(agent, Cloud::password,
+                          R"({"method":"new_session","session":")" + id +
+                              R"(","localHost":"127.0.0.1","localPort":)" + std::to_string(port) + "}");
 }
 
 void says::NoAddress(Connection& agent) {
-    lab::WriteControl(agent, Cloud::password,
-                      R"({"method":"new_session","session":"nowhere","localPort":1})");
+    support::WriteControl(agent, Cloud::password,
+                          R"({"method":"new_session","session":"nowhere","localPort":1})");
 }
 
 void says::Echo(Connection& agent, const std::string& id) {
     std::string payload, back;
     while (payload.size() < echoBytes) payload += "#" + std::to_string(payload.size());
     payload.resize(echoBytes);
-    lab::WriteFrame(agent, {lab::dataFrame, id, payload});
+    support::WriteFrame(agent, {lab::dataFrame, id, payload});
     while (back.size() < payload.size()) {
-        const lab::Frame frame = lab::ReadFrame(agent);
+        const support::Frame frame = support::ReadFrame(agent);
         if (frame.payload.find("disconnect-session") < 20) throw std::runtime_error("session ended: " + id);
         if (frame.type == lab::dataFrame && frame.session == id) back += frame.payload;
     }

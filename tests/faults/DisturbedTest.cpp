@@ -68,7 +68,7 @@ TEST_P(NoDescriptors, EndsTheTurnUntilThereAreSome) {
         if (scarce && request.find(GetParam().request) != std::string::npos)
             Limit(running.Agent(), RLIMIT_NOFILE, GetParam().descriptors);
     };
-    Cloud cloud([](lab::Connection& tunnel) { says::Welcome(tunnel), tunnel.ReadToEnd(); }, limit);
+    Cloud cloud([](support::Connection& tunnel) { says::Welcome(tunnel), tunnel.ReadToEnd(); }, limit);
     support::Process agent(cloud.Command("info", 1), Cloud::Environment(1));
     running.agent = &agent;
     EXPECT_TRUE(Says(agent, GetParam().says)) << agent.Output() << agent.Errors();
@@ -88,9 +88,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(DisturbedAgent, KeepsItsSessionsWhenThereIsNoDescriptorForAnother) {
     SKIP_WITHOUT_DESCRIPTORS();
-    lab::ScriptedServer one({RepeatAll}), two({RepeatAll});
+    support::ScriptedServer one({RepeatAll}), two({RepeatAll});
     Running running;
-    Cloud cloud([&](lab::Connection& tunnel) {
+    Cloud cloud([&](support::Connection& tunnel) {
         says::Welcome(tunnel);
         says::NewSession(tunnel, first, one.Port());
         says::Echo(tunnel, first);
@@ -111,7 +111,7 @@ TEST(DisturbedAgent, KeepsItsSessionsWhenThereIsNoDescriptorForAnother) {
 
 TEST(DisturbedAgent, OutlivesAFullDiskAndWritesAgain) {
     std::atomic<int> turns{0};
-    Cloud cloud([&](lab::Connection& tunnel) {
+    Cloud cloud([&](support::Connection& tunnel) {
         says::Welcome(tunnel);
         ++turns;
         says::NoAddress(tunnel);
@@ -131,7 +131,7 @@ TEST(DisturbedAgent, OutlivesAFullDiskAndWritesAgain) {
 
 TEST(DisturbedAgent, OutlivesTheFolderOfItsLog) {
     std::atomic<int> turns{0};
-    Cloud cloud([&](lab::Connection& tunnel) {
+    Cloud cloud([&](support::Connection& tunnel) {
         says::Welcome(tunnel);
         ++turns;
         says::NoAddress(tunnel);
@@ -147,16 +147,16 @@ TEST(DisturbedAgent, OutlivesTheFolderOfItsLog) {
 }
 
 TEST(DisturbedAgent, GoesOnAfterBeingStoppedAcrossItsTimers) {
-    lab::ScriptedServer service({RepeatAll});
+    support::ScriptedServer service({RepeatAll});
     Running running;
-    Cloud cloud([&](lab::Connection& tunnel) {
+    Cloud cloud([&](support::Connection& tunnel) {
         says::Welcome(tunnel);
         says::NewSession(tunnel, first, service.Port());
         says::Echo(tunnel, first);
         running.Agent().Signal(SIGSTOP);
         std::this_thread::sleep_for(2s);  // fifty seconds to the agent: verification limit and heartbeat pass
         running.Agent().Signal(SIGCONT);
-        while (lab::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
+        while (support::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
         says::Echo(tunnel, first);
         says::NoAddress(tunnel);
     });
@@ -189,16 +189,16 @@ void ExpectDelay(const std::string& log, const std::string& from, const std::str
 }
 
 TEST(DisturbedAgent, WaitsAsLongAsDescribed) {
-    lab::ScriptedServer service({RepeatAll});
+    support::ScriptedServer service({RepeatAll});
     std::atomic<int> connections{0};
-    Cloud cloud([&](lab::Connection& tunnel) {
+    Cloud cloud([&](support::Connection& tunnel) {
         if (++connections == 1) return static_cast<void>(tunnel.ReadToEnd());
         says::Welcome(tunnel);
         says::NewSession(tunnel, first, service.Port());
         says::Echo(tunnel, first);
-        lab::WriteControl(tunnel, Cloud::password,
-                          R"({"method":"end_session","session":")" + first + R"("})");
-        while (lab::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
+        support::WriteControl(tunnel, Cloud::password,
+                              R"({"method":"end_session","session":")" + first + R"("})");
+        while (support::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
         says::NoAddress(tunnel);
     });
     support::Process agent(cloud.Command("verbose"), Cloud::Environment(10));
@@ -215,10 +215,10 @@ TEST(DisturbedAgent, WaitsAsLongAsDescribed) {
 TEST(DisturbedAgent, BeatsByTheMonotonicClock) {
     Running running;
     std::vector<std::chrono::steady_clock::time_point> beats;
-    Cloud cloud([&](lab::Connection& tunnel) {
+    Cloud cloud([&](support::Connection& tunnel) {
         says::Welcome(tunnel);
         while (beats.size() < 3) {
-            if (lab::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
+            if (support::ReadFrame(tunnel).type != lab::heartbeatFrame) continue;
             beats.push_back(std::chrono::steady_clock::now());
             if (beats.size() == 1) running.Agent().Signal(SIGUSR1);  // the wall clock falls back
         }

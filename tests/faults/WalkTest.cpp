@@ -26,7 +26,7 @@ class AgentOutlives : public testing::TestWithParam<Fault> {};
 // when the fault spoils it.
 class Stages {
 public:
-    void Play(lab::Connection& agent) {
+    void Play(support::Connection& agent) {
         says::Welcome(agent);
         if (!Over()) {
             says::NewSession(agent, id, service.Port());
@@ -34,9 +34,9 @@ public:
         }
         if (done++ == 0) {
             // Ended in order: the session's ten seconds pass before the heartbeat, the connection's after it.
-            lab::WriteControl(agent, Cloud::password,
-                              R"({"method":"end_session","session":")" + id + R"("})");
-            while (lab::ReadFrame(agent).type != lab::heartbeatFrame) continue;
+            support::WriteControl(agent, Cloud::password,
+                                  R"({"method":"end_session","session":")" + id + R"("})");
+            while (support::ReadFrame(agent).type != lab::heartbeatFrame) continue;
         } else {
             says::NoAddress(agent);  // the session still open
             agent.ReadToEnd();
@@ -47,7 +47,7 @@ public:
 private:
     std::atomic<int> done{0};
     const std::string id = "session-00000001";
-    lab::ScriptedServer service{Always(RepeatAll)};
+    support::ScriptedServer service{Always(RepeatAll)};
 };
 
 // Those of the agent itself: the library that quickens its clock keeps some of its own.
@@ -74,7 +74,7 @@ bool MayEnd(const std::string& log, const std::string& errors, int status) {
 // @return whether the agent made so many calls at all
 bool Survives(const Fault& fault, long at) {
     Stages stages;
-    Cloud cloud([&](lab::Connection& agent) { stages.Play(agent); });
+    Cloud cloud([&](support::Connection& agent) { stages.Play(agent); });
     support::Process agent(
         cloud.Command("verbose"),
         Cloud::Environment(200, {std::string("FAIL_CALL=") + fault.call, "FAIL_AT=" + std::to_string(at),

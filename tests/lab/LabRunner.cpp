@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "lab/ControlMessage.h"
-#include "lab/Signing.h"
+#include "lab/wire/ControlMessage.h"
+#include "lab/wire/Signing.h"
 #include "tests/support/Eventually.h"
 
 namespace lab {

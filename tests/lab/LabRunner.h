@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "lab/Lab.h"
-#include "lab/ScriptedPeers.h"
-#include "lab/ScriptedServer.h"
+#include "tests/support/ScriptedPeers.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace lab {
 

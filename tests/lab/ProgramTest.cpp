@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "lab/ScriptedServer.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace lab {
 

@@ -4,9 +4,9 @@
 #include <sstream>
 #include <string>
 
-#include "lab/ControlMessage.h"
-#include "lab/Frame.h"
-#include "lab/Signing.h"
+#include "lab/wire/ControlMessage.h"
+#include "lab/wire/Frame.h"
+#include "lab/wire/Signing.h"
 
 namespace lab {
 

@@ -2,7 +2,7 @@
 
 #include <system_error>
 
-#include "lab/ScriptedServer.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace lab {
 

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "lab/FrameReader.h"
-#include "lab/Signing.h"
+#include "lab/wire/FrameReader.h"
+#include "lab/wire/Signing.h"
 
 namespace lab {
 

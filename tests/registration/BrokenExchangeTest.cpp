@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 
 enum class Way { Close, Reset, Silence };
 
-void End(lab::Connection& agent, Way way) {
+void End(support::Connection& agent, Way way) {
     if (way == Way::Reset) return agent.Reset();
     // Nobody gives up on it by himself, or only after 30 seconds: it ends in a close.
     if (way == Way::Silence) std::this_thread::sleep_for(10ms);
@@ -31,27 +31,29 @@ constexpr std::size_t ssoExchanges = 3, exchanges = 7;
 
 /// What fits every request of the one or the other.
 std::string SsoReply(unsigned short api) {
-    return lab::SsoReply(R"({"status":"ok","certificate_id":"abc","token":"tok","discovery_data":{"config":)"
-                         R"({"tunnelServer":{"serverEndpoint":0,"apiEndpoint":"http://127.0.0.1:)" +
-                         std::to_string(api) + R"("}},"tenantId":"t"}})");
+    return support::SsoReply(
+        R"({"status":"ok","certificate_id":"abc","token":"tok","discovery_data":{"config":)"
+        R"({"tunnelServer":{"serverEndpoint":0,"apiEndpoint":"http://127.0.0.1:)" +
+        std::to_string(api) + R"("}},"tenantId":"t"}})");
 }
 const std::string apiReply =
-    lab::HttpReply(200, R"({"status":true,"data":{"tunnelServerEndpoint":"host:1"}})");
+    support::HttpReply(200, R"({"status":true,"data":{"tunnelServerEndpoint":"host:1"}})");
 
 class BrokenExchange : public testing::TestWithParam<Way> {
 protected:
     /// Exchanges with one service: that of the number `broken` ends after so many bytes of its reply.
     template <typename Request>
-    std::vector<lab::Conversation> Exchanges(Request (*read)(lab::Connection&), const std::string& reply,
-                                             std::size_t broken, std::size_t bytes) {
-        const auto play = [=](lab::Connection& agent) {
+    std::vector<support::Conversation> Exchanges(Request (*read)(support::Connection&),
+                                                 const std::string& reply, std::size_t broken,
+                                                 std::size_t bytes) {
+        const auto play = [=](support::Connection& agent) {
             const bool breaks = met++ == broken;
             if (breaks && bytes > reply.size()) return agent.Read(1), End(agent, GetParam());
             read(agent);
             agent.Write(breaks ? reply.substr(0, bytes) : reply);
             if (breaks) End(agent, GetParam());
         };
-        return std::vector<lab::Conversation>(2 * exchanges, play);
+        return std::vector<support::Conversation>(2 * exchanges, play);
     }
     std::atomic<std::size_t> met{0};
 };
@@ -65,8 +67,9 @@ TEST_P(BrokenExchange, EndsARegistrationAndTheNextOneWorks) {
         for (const std::size_t bytes : std::vector<std::size_t>{0, 1, 4, 5, length - 1, length + 1}) {
             SCOPED_TRACE(std::to_string(broken) + " " + std::to_string(bytes));
             met = 0;
-            lab::ScriptedServer api(Exchanges(lab::ReadHttpRequest, apiReply, broken, bytes));
-            lab::ScriptedServer sso(Exchanges(lab::ReadSsoRequest, SsoReply(api.Port()), broken, bytes));
+            support::ScriptedServer api(Exchanges(support::ReadHttpRequest, apiReply, broken, bytes));
+            support::ScriptedServer sso(
+                Exchanges(support::ReadSsoRequest, SsoReply(api.Port()), broken, bytes));
             support::LogCapture log(logError);
             RegistrationConfig device;
             device.ssoHost = "127.0.0.1";

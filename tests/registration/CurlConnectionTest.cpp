@@ -14,8 +14,8 @@ using namespace std::string_literals;
 using testing::ElementsAre;
 
 /// Everything but the host header, which holds the port.
-std::string ReadAll(lab::Connection& connection) {
-    const lab::HttpRequest request = lab::ReadHttpRequest(connection);
+std::string ReadAll(support::Connection& connection) {
+    const support::HttpRequest request = support::ReadHttpRequest(connection);
     std::string text = request.method + " " + request.target + "\n";
     for (const auto& [name, value] : request.headers)
         if (name != "Host") text.append(name).append(": ").append(value).append("\n");
@@ -31,7 +31,7 @@ struct CurlConnectionTest : testing::Test {
 };
 
 TEST_F(CurlConnectionTest, SendsTheTwoHeadersAndNothingUnasked) {
-    const std::string ok = lab::HttpReply(200, "");
+    const std::string ok = support::HttpReply(200, "");
     Recorder server(ReadAll, {ok, ok, ok});
     curl.Get(Url(server.Port(), "/a?b=c"), "t1");
     curl.Post(Url(server.Port()), "t2", "{\"a\":1}\0unsent"s);
@@ -61,7 +61,7 @@ std::vector<std::string> Redirects(std::size_t count) {
 
 TEST_F(CurlConnectionTest, FollowsFiftyRedirects) {
     std::vector<std::string> replies = Redirects(50);
-    replies.push_back(lab::HttpReply(200, "there"));
+    replies.push_back(support::HttpReply(200, "there"));
     Recorder server(ReadAll, replies);
     EXPECT_EQ(curl.Get(Url(server.Port()), "t").body, "there");
 }

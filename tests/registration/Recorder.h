@@ -5,19 +5,19 @@
 #include <string>
 #include <vector>
 
-#include "lab/ScriptedPeers.h"
-#include "lab/ScriptedServer.h"
+#include "tests/support/ScriptedPeers.h"
+#include "tests/support/ScriptedServer.h"
 
 /// Hears one request on each connection, answers the next of its replies, byte for byte, and hangs up; after
 /// the last reply connections are refused.
 class Recorder {
 public:
-    using Reader = std::string (*)(lab::Connection&);
+    using Reader = std::string (*)(support::Connection&);
 
     Recorder(Reader read, const std::vector<std::string>& replies) {
-        std::vector<lab::Conversation> conversations(replies.size());
+        std::vector<support::Conversation> conversations(replies.size());
         for (std::size_t i = 0; i < replies.size(); ++i)
-            conversations[i] = [this, read, reply = replies[i]](lab::Connection& connection) {
+            conversations[i] = [this, read, reply = replies[i]](support::Connection& connection) {
                 heard.push_back(read(connection));
                 connection.Write(reply);
             };
@@ -32,7 +32,7 @@ public:
 
 private:
     std::vector<std::string> heard;
-    std::optional<lab::ScriptedServer> server;
+    std::optional<support::ScriptedServer> server;
 };
 
 /// What `call` throws, or "" when it does not.

@@ -16,8 +16,8 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::EndsWith;
 
-std::string ReadCall(lab::Connection& connection) {
-    const lab::HttpRequest request = lab::ReadHttpRequest(connection);
+std::string ReadCall(support::Connection& connection) {
+    const support::HttpRequest request = support::ReadHttpRequest(connection);
     return request.method + " " + request.target + " " + request.Header("Authorization") + " " + request.body;
 }
 
@@ -25,7 +25,7 @@ std::string ReadCall(lab::Connection& connection) {
 /// replies stands for the API's base URL.
 struct Cloud {
     Cloud(std::vector<std::string> ssoReplies, const std::vector<std::string>& apiReplies)
-        : api(ReadCall, apiReplies), sso(lab::ReadSsoRequest, Framed(std::move(ssoReplies))) {
+        : api(ReadCall, apiReplies), sso(support::ReadSsoRequest, Framed(std::move(ssoReplies))) {
         device.ssoHost = "127.0.0.1";
         device.ssoPort = sso.Port();
         device.deviceType = "dvr";
@@ -36,7 +36,7 @@ struct Cloud {
         for (std::string& reply : replies) {
             const std::size_t place = reply.find("$API");
             if (place != std::string::npos) reply.replace(place, 4, apiUrl);
-            reply = lab::SsoReply(reply);
+            reply = support::SsoReply(reply);
         }
         return replies;
     }
@@ -56,7 +56,7 @@ const std::string certificate = R"({"status":"ok","certificate_id":"abc"})";
 const std::string token = R"({"status":"ok","token":"tok"})";
 const std::string ok = R"({"status":"ok"})";
 
-std::string Ok(const std::string& body) { return lab::HttpReply(200, body); }
+std::string Ok(const std::string& body) { return support::HttpReply(200, body); }
 std::string Version(const std::string& json) { return Ok(R"({"apiVersion":)" + json + "}"); }
 const std::string added = Ok(R"({"status":true,"data":{"tunnelServerEndpoint":"192.0.2.10:4443"}})");
 
@@ -78,8 +78,8 @@ TEST_P(WholeStory, IsToldInTheseRequestsAndTheseLogLines) {
     const std::string reply = R"({"status":true,"data":{"tunnelServerEndpoint":"tun:4443x",)"
                               R"("tunnelServerCredentials":{"username":"u","password":7}}})";
     Cloud cloud({"{}", discovery, certificate, token, token, ok},
-                {Version(R"("2.1.0")"), Ok(reply), Ok("r1"), Ok("r2"), lab::HttpReply(400, "{}"),
-                 lab::HttpReply(401, "no")});
+                {Version(R"("2.1.0")"), Ok(reply), Ok("r1"), Ok("r2"), support::HttpReply(400, "{}"),
+                 support::HttpReply(401, "no")});
     const std::string at = " 127.0.0.1:" + std::to_string(cloud.sso.Port());
     support::LogCapture log(GetParam());
     cloud.device.dvrUsername = "adm";
@@ -217,15 +217,16 @@ const Failure failures[] = {
      {},
      {"Registration failed: Failed to get tunnel token"}},
     Unregistered("ApiDown", {}, "curl_easy_perform() failed"),
-    Unregistered("RefusalThatIsNotCounted", {lab::HttpReply(401, "<html>")}, noObject),
+    Unregistered("RefusalThatIsNotCounted", {support::HttpReply(401, "<html>")}, noObject),
     Unregistered("EmptyVersion", {Version(R"("")")}, "stoi"),
     Unregistered("VersionEndsInPoint", {Version(R"("2.")")}, "stoi"),
     Unregistered("LetterInVersion", {Version(R"("2.x.1")")}, "stoi"),
     Unregistered("HugeVersion", {Version(R"("2.1.99999999999")")}, "stoi"),
-    Rejected("NotRemoved", {lab::HttpReply(404, "{}")}, "RemoveDevice: (404) {}", "Failed to remove device"),
-    Rejected("NotAdded", {Ok("{}"), lab::HttpReply(201, "no")}, "Failed to add device: (201) no",
+    Rejected("NotRemoved", {support::HttpReply(404, "{}")}, "RemoveDevice: (404) {}",
+             "Failed to remove device"),
+    Rejected("NotAdded", {Ok("{}"), support::HttpReply(201, "no")}, "Failed to add device: (201) no",
              "Failed to add device"),
-    Rejected("NoRoute", {Ok("{}"), added, lab::HttpReply(400, "no")}, "Failed to add route: (400) no",
+    Rejected("NoRoute", {Ok("{}"), added, support::HttpReply(400, "no")}, "Failed to add route: (400) no",
              "Failed to add route"),
     Added("AddedWithNothing", "", noObject),
     Added("NoStatus", "{}", noStatus),
@@ -303,7 +304,7 @@ TEST_P(ResetPolicy, CountsRefusals) {
     for (const char kind : GetParam().sso) sso.push_back(kind == 'T' ? token : kind == 'R' ? ok : "{}");
     sso.push_back(ok);  // for a request too many
     Replies api;
-    for (const int status : GetParam().statuses) api.push_back(lab::HttpReply(status, "{}"));
+    for (const int status : GetParam().statuses) api.push_back(support::HttpReply(status, "{}"));
     Cloud cloud(sso, api);
     support::LogCapture log(logError);
     cloud.device.deviceId = "id7";

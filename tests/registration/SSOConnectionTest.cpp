@@ -25,13 +25,13 @@ const Ask reset = [](const std::string& address, std::int32_t port) {
     return std::string("done");
 };
 
-std::string ReadBytes(lab::Connection& connection) {
+std::string ReadBytes(support::Connection& connection) {
     const std::string length = connection.Read(4);
     return length + connection.Read(static_cast<unsigned char>(length[3]));
 }
 
 TEST(SSOConnectionTest, SendsTheseBytesToTheLowHalfOfThePort) {
-    Recorder service(ReadBytes, std::vector<std::string>(4, lab::SsoReply("{}")));
+    Recorder service(ReadBytes, std::vector<std::string>(4, support::SsoReply("{}")));
     for (const Ask ask : {token, data, certificate, reset})
         EXPECT_THROW(ask(host, service.Port() + 0x10000), std::invalid_argument);
     EXPECT_THAT(
@@ -57,7 +57,7 @@ TEST_P(Exchanges, EndLikeThis) {
     EXPECT_EQ(outcome + thrown, GetParam().outcome);
 }
 
-using lab::SsoReply;
+using support::SsoReply;
 /// A well-formed frame with status "ok" and what follows it.
 std::string Ok(const std::string& rest) { return SsoReply(R"({"status":"ok")" + rest + "}"); }
 
@@ -99,7 +99,7 @@ TEST(SSOConnectionTest, PaysNoMemoryForAnAnnouncedLength) {
 }
 
 TEST(SSOConnectionTest, AnnouncesARequestThatNobodyTakes) {
-    const unsigned short closed = lab::ScriptedServer({}).Port();
+    const unsigned short closed = support::ScriptedServer({}).Port();
     support::LogCapture log;
     EXPECT_EQ(Thrown([&] { SSOConnection::Reset(host, closed); }), "connect: Connection refused");
     EXPECT_THROW(SSOConnection::Reset("localhost", closed), std::system_error);

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "lab/Frame.h"
-#include "lab/Signing.h"
+#include "lab/wire/Frame.h"
+#include "lab/wire/Signing.h"
 #include "soak/storm/Hearing.h"
 #include "soak/storm/Speech.h"
 

@@ -8,7 +8,7 @@
 #include <numeric>
 #include <regex>
 
-#include "lab/Signing.h"
+#include "lab/wire/Signing.h"
 #include "tests/support/Eventually.h"
 #include "tests/tunnel/TunnelRun.h"
 
@@ -22,13 +22,13 @@ using Lines = std::vector<std::string>;
 enum class Way { Close, Reset, Silence };
 
 struct Step {
-    lab::Conversation play;
+    support::Conversation play;
     bool insidePayload = false;  // a frame of ours has begun, and its header has arrived
 };
 using Script = std::vector<Step>;
 
 /// A frame in pieces that end at `cuts`.
-void Write(Script& script, const lab::Frame& frame, const std::vector<std::size_t>& cuts) {
+void Write(Script& script, const support::Frame& frame, const std::vector<std::size_t>& cuts) {
     const std::string bytes = Bytes(frame);
     std::size_t begin = 0;
     for (const std::size_t end : cuts) {
@@ -38,9 +38,9 @@ void Write(Script& script, const lab::Frame& frame, const std::vector<std::size_
     }
 }
 
-lab::Frame ReadData(lab::Connection& agent) {
-    lab::Frame frame;
-    do frame = lab::ReadFrame(agent);
+support::Frame ReadData(support::Connection& agent) {
+    support::Frame frame;
+    do frame = support::ReadFrame(agent);
     while (frame.type != lab::dataFrame);
     return frame;
 }
@@ -50,13 +50,13 @@ constexpr std::size_t verifiedAfter = 26;
 Script WholeStory(unsigned short service) {
     Script script = {{[](auto& agent) { agent.Read(1); }},
                      {[](auto& agent) { agent.ReadUntil("\"sign\":\""), agent.Read(34); }}};
-    const lab::Frame welcome{lab::controlFrame, "", lab::Sign(password, R"({"method":"anything"})")};
+    const support::Frame welcome{lab::controlFrame, "", lab::Sign(password, R"({"method":"anything"})")};
     std::vector<std::size_t> cuts(22);
     std::iota(cuts.begin(), cuts.end(), 1);  // every byte of the header, and one more
     cuts.insert(cuts.end(), {welcome.payload.size() + 20, welcome.payload.size() + 21});
     Write(script, welcome, cuts);
     script.push_back({[service](auto& agent) { NewSession(agent, service); }});
-    script.push_back({[](auto& agent) { lab::ReadControl(agent); }});
+    script.push_back({[](auto& agent) { support::ReadControl(agent); }});
     Write(script, {lab::dataFrame, sessionId, "ping"}, {7, 23, 25});
     script.push_back({[](auto& agent) { ReadData(agent); }});
     script.push_back(
@@ -65,11 +65,11 @@ Script WholeStory(unsigned short service) {
 }
 
 // A silent server is given up by an agent that still waits for its first word, and else goes on hearing it.
-void End(lab::Connection& agent, Way way, bool verified) {
+void End(support::Connection& agent, Way way, bool verified) {
     if (way == Way::Reset) return agent.Reset();
     if (way == Way::Silence) {
         for (int beats = verified ? 3 : 0; beats > 0;)
-            beats -= lab::ReadFrame(agent).type == lab::heartbeatFrame;
+            beats -= support::ReadFrame(agent).type == lab::heartbeatFrame;
         if (!verified) agent.ReadToEnd();
     }
     if (agent.Socket().is_open()) HangUp(agent);
@@ -78,7 +78,7 @@ void End(lab::Connection& agent, Way way, bool verified) {
 class TunnelEnded : public testing::TestWithParam<Way> {
 protected:
     std::atomic<int> opened{0}, ended{0};
-    lab::Conversation service = [this](lab::Connection& peer) {
+    support::Conversation service = [this](support::Connection& peer) {
         ++opened;
         peer.Write("pong");
         peer.ReadToEnd();
@@ -100,9 +100,9 @@ Lines ExpectedEnd(Way way, std::size_t steps, bool insidePayload) {
 /// verification: `isLate` when server or agent, on a busy machine, have taken too much of it.
 Lines RunThrough(Way way, const Script& script, std::size_t first, std::atomic<bool>& isLate) {
     constexpr auto limit = 200ms;
-    std::vector<lab::Conversation> conversations;
+    std::vector<support::Conversation> conversations;
     for (std::size_t steps = first; steps < first + 3; ++steps) {
-        conversations.push_back([=, &script, &isLate](lab::Connection& agent) {
+        conversations.push_back([=, &script, &isLate](support::Connection& agent) {
             const auto begin = std::chrono::steady_clock::now();
             const auto takes = [&] { return std::chrono::steady_clock::now() - begin; };
             for (std::size_t i = 0; i < std::min(steps, script.size()); ++i) script[i].play(agent);
@@ -129,7 +129,7 @@ TEST_P(TunnelEnded, AfterAnyStepIsFollowedByTheNextConnection) {
     const bool reset = GetParam() == Way::Reset;  // at once, it could be taken for a failed connect
     int late = 0;
     for (std::size_t first = reset ? 1 : 0; first <= all;) {
-        lab::ScriptedServer services({service, service, service});
+        support::ScriptedServer services({service, service, service});
         const Script script = WholeStory(services.Port());
         Lines expected;
         for (std::size_t steps = first; steps < first + 3; ++steps) {
@@ -151,10 +151,10 @@ TEST_P(TunnelEnded, AfterAnyStepIsFollowedByTheNextConnection) {
 
 /// One session with a service that is asked "ping", answers "pong", and ends, or falls silent, inside or after the
 /// one or the other.
-void Meet(lab::Connection& agent, Way way, std::size_t bytes, const std::string& id) {
+void Meet(support::Connection& agent, Way way, std::size_t bytes, const std::string& id) {
     const std::string asked = std::string("ping").substr(0, bytes);
     const std::string answer = bytes > 4 ? std::string("pong").substr(0, bytes - 4) : "";
-    lab::ScriptedServer service({[=](lab::Connection& peer) {
+    support::ScriptedServer service({[=](support::Connection& peer) {
         EXPECT_EQ(peer.Read(asked.size()), asked);
         peer.Write(answer);
         if (way == Way::Reset) peer.Reset();
@@ -162,7 +162,7 @@ void Meet(lab::Connection& agent, Way way, std::size_t bytes, const std::string&
         EXPECT_EQ(asked + peer.ReadToEnd(), "ping");
     }});
     NewSession(agent, service.Port(), id);
-    lab::WriteFrame(agent, {lab::dataFrame, id, "ping"});
+    support::WriteFrame(agent, {lab::dataFrame, id, "ping"});
     if (way == Way::Silence) {
         std::string heard;
         while (heard.size() < answer.size()) heard += ReadData(agent).payload;
@@ -180,17 +180,17 @@ void Meet(lab::Connection& agent, Way way, std::size_t bytes, const std::string&
 TEST(BrokenServiceTest, EndsItsOwnSessionAndNoOther) {
     constexpr int rounds = 15;
     const std::string steady = "steady-and-alive";
-    lab::ScriptedServer echo({[](lab::Connection& peer) {
+    support::ScriptedServer echo({[](support::Connection& peer) {
         for (int round = 0; round < rounds; ++round) peer.Write(peer.Read(1));
     }});
-    const auto serve = [&](lab::Connection& agent) {
+    const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, echo.Port(), steady);
-        lab::ReadControl(agent);
+        support::ReadControl(agent);
         for (int round = 0; round < rounds; ++round) {
             Meet(agent, static_cast<Way>(round % 3), 2 * static_cast<std::size_t>(round / 3),
                  "short-lived-" + std::to_string(1000 + round));
-            lab::WriteFrame(agent, {lab::dataFrame, steady, "x"});
+            support::WriteFrame(agent, {lab::dataFrame, steady, "x"});
             EXPECT_EQ(ReadData(agent).session, steady);
         }
         HangUp(agent);

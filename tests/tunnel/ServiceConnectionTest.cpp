@@ -4,9 +4,9 @@
 #include <functional>
 #include <future>
 
-#include "lab/ScriptedServer.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Loopback.h"
+#include "tests/support/ScriptedServer.h"
 #include "tests/tunnel/TunnelRun.h"
 #include "tunnel/ServiceConnection.h"
 
@@ -100,7 +100,7 @@ protected:
 
 TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
     const std::string sent = "more payloads than one turn writes";
-    lab::ScriptedServer service({[&sent](lab::Connection& peer) {
+    support::ScriptedServer service({[&sent](support::Connection& peer) {
         EXPECT_EQ(peer.Read(sent.size()), sent);
         peer.Write("answer");
     }});
@@ -128,7 +128,7 @@ TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
 
 TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     const std::string sent(2000000, 's');
-    lab::ScriptedServer service({[&](lab::Connection& peer) { peer.Write(sent); }});
+    support::ScriptedServer service({[&](support::Connection& peer) { peer.Write(sent); }});
     const auto connection = Connect(service.Port());
     const std::string pausing = "Session " + id + ", pausing listening to service";
     RunUntil([&] { return log.Count(pausing) == 1; });
@@ -154,7 +154,7 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
 
 TEST_F(ServiceConnectionTest, ReadsInItsTurnsAndNoticesTheEndAtOnce) {
     const std::string sent(100000, 's');
-    lab::ScriptedServer service({[&](lab::Connection& peer) { peer.Write(sent); }});
+    support::ScriptedServer service({[&](support::Connection& peer) { peer.Write(sent); }});
     owner.line.waiting = others;
     const auto connection = Connect(service.Port());
     service.Finish();
@@ -183,7 +183,7 @@ TEST_F(ServiceConnectionTest, ReadsWhatHasArrivedOnceWhenItIsStopped) {
     for (const bool hasTurn : {true, false}) {
         SCOPED_TRACE(hasTurn);
         std::promise<void> isStopped;
-        lab::ScriptedServer service({[&](lab::Connection& peer) {
+        support::ScriptedServer service({[&](support::Connection& peer) {
             peer.Write("before");
             isStopped.get_future().wait();
             peer.Write("after");
@@ -217,7 +217,7 @@ TEST_F(ServiceConnectionTest, ReadsWhatHasArrivedOnceWhenItIsStopped) {
 }
 
 TEST_F(ServiceConnectionTest, LeavesTheTurnsWhenItIsLetGoOf) {
-    lab::ScriptedServer service({[](lab::Connection& peer) {
+    support::ScriptedServer service({[](support::Connection& peer) {
         peer.Write("x");
         peer.ReadToEnd();
     }});
@@ -232,7 +232,8 @@ TEST_F(ServiceConnectionTest, LeavesTheTurnsWhenItIsLetGoOf) {
 }
 
 TEST_F(ServiceConnectionTest, WritesABatchOfPayloadsAtOnceAndLogsEach) {
-    lab::ScriptedServer service({[](lab::Connection& peer) { EXPECT_EQ(peer.ReadToEnd(), "threeone4"); }});
+    support::ScriptedServer service(
+        {[](support::Connection& peer) { EXPECT_EQ(peer.ReadToEnd(), "threeone4"); }});
     const auto connection = Connect(service.Port());
     const std::string session = "Session " + id + ", ";
     RunUntil([&] { return log.Count(session + "listening to service") == 1; });
@@ -249,7 +250,7 @@ TEST_F(ServiceConnectionTest, WritesABatchOfPayloadsAtOnceAndLogsEach) {
 
 TEST_F(ServiceConnectionTest, StillWritesDuringTheDelayAfterStop) {
     std::string received;
-    lab::ScriptedServer service({[&](lab::Connection& peer) { received = peer.ReadToEnd(); }});
+    support::ScriptedServer service({[&](support::Connection& peer) { received = peer.ReadToEnd(); }});
     const auto connection = Connect(service.Port());
     RunUntil([&] { return log.Count("Session " + id + ", listening to service") == 1; });
     const auto stopped = std::chrono::steady_clock::now();
@@ -270,7 +271,7 @@ TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
     const std::string payload = support::Megabytes(10);
     std::promise<void> isEnded;
     std::atomic<bool> hasAll = false;
-    lab::ScriptedServer service({[&](lab::Connection& peer) {
+    support::ScriptedServer service({[&](support::Connection& peer) {
         peer.Read(1);
         peer.ShutdownSend();
         isEnded.get_future().wait();
@@ -293,7 +294,7 @@ TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
 
 // Paused, it reads nothing: the write is the one to meet the reset.
 TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
-    lab::ScriptedServer service({[](lab::Connection& peer) {
+    support::ScriptedServer service({[](support::Connection& peer) {
         peer.Write(std::string(327680, 's'));
         peer.Read(1);
         peer.Reset();
@@ -310,7 +311,7 @@ TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
 
 // The read that waits already is still answered, and relayed behind the word that the session has ended. No other is.
 TEST_F(ServiceConnectionTest, RelaysOneReadAfterAFailedWrite) {
-    lab::ScriptedServer service({[](lab::Connection& peer) {
+    support::ScriptedServer service({[](support::Connection& peer) {
         peer.Read(1);
         peer.Write(std::string(60000, 's'));
         peer.Reset();
@@ -332,7 +333,7 @@ TEST_F(ServiceConnectionTest, RelaysOneReadAfterAFailedWrite) {
 TEST_F(ServiceConnectionTest, CatchesUpWithALongQueueOfSmallPayloadsWhileMoreCome) {
     constexpr int many = 5000, batch = 16;
     std::promise<void> isLong;
-    lab::ScriptedServer service({[&](lab::Connection& peer) {
+    support::ScriptedServer service({[&](support::Connection& peer) {
         isLong.get_future().wait();
         peer.ReadToEnd();
     }});
@@ -367,7 +368,7 @@ class ServiceConnectionDropped : public ServiceConnectionTest, public testing::W
 
 TEST_P(ServiceConnectionDropped, DoesNothingMore) {
     bool ended = false;
-    lab::ScriptedServer service({[&](lab::Connection& peer) {
+    support::ScriptedServer service({[&](support::Connection& peer) {
         try {
             peer.Write(std::string(1000000, 's'));
         } catch (const std::system_error&) {  // let go of before all of it was on its way

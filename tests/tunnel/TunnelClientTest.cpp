@@ -21,16 +21,18 @@ using Lines = std::vector<std::string>;
 
 struct Spoken {
     const char* name;
-    std::function<void(lab::Connection&)> say;
+    std::function<void(support::Connection&)> say;
     Lines log;
 };
 
 // A control frame, signed; what a row cannot sign it sends as it is.
 auto Signed(const std::string& json) {
-    return [json](lab::Connection& agent) { Say(agent, json); };
+    return [json](support::Connection& agent) { Say(agent, json); };
 }
 auto Raw(std::uint8_t type, const std::string& payload) {
-    return [=](lab::Connection& agent) { lab::WriteFrame(agent, {type, "0123456789abcdef", payload}); };
+    return [=](support::Connection& agent) {
+        support::WriteFrame(agent, {type, "0123456789abcdef", payload});
+    };
 }
 // The same text as it arrives, for lines that quote it: the signature differs each time.
 Spoken Incomplete(const char* name, const std::string& json, const std::string& line) {
@@ -89,7 +91,7 @@ const Spoken survived[] = {
 };
 
 TEST(TunnelClientTest, AnswersEachMessageWithItsLineAndReadsTheNext) {
-    const auto log = RunTunnel({[](lab::Connection& agent) {
+    const auto log = RunTunnel({[](support::Connection& agent) {
                                    Accept(agent);
                                    for (const Spoken& row : survived) {
                                        row.say(agent);
@@ -115,13 +117,13 @@ TEST(TunnelClientTest, AnswersEachMessageWithItsLineAndReadsTheNext) {
 const std::string closing = "[TunnelClient:147] Closing tunnel server socket after timer delay";
 const std::string timeout = "[TunnelClient:122] Verification timeout";
 auto Bytes(const std::string& bytes) {
-    return [bytes](lab::Connection& agent) {
+    return [bytes](support::Connection& agent) {
         agent.Write(bytes);
         HangUp(agent);
     };
 }
 // Nothing behind it is acted on, although it comes in the same segment.
-void Forge(lab::Connection& agent) {
+void Forge(support::Connection& agent) {
     agent.Write(support::Bytes({3, "", R"({"method":"conflict","timestamp":17,"sign":"0"})"}) +
                 support::Bytes({9, "", "x"}) + support::Bytes({0, sessionId, "x"}));
     agent.ReadToEnd();
@@ -173,12 +175,12 @@ TEST(TunnelClientTest, ThrowsForAServiceWithoutAddress) {
 
 TEST(TunnelClientTest, IntroducesItselfAndBeats) {
     std::string verify;
-    std::vector<lab::Frame> beats;
-    const auto log = RunTunnel({[&](lab::Connection& agent) {
-                                   verify = lab::ReadControl(agent);
+    std::vector<support::Frame> beats;
+    const auto log = RunTunnel({[&](support::Connection& agent) {
+                                   verify = support::ReadControl(agent);
                                    Say(agent, R"({"method":"anything"})");
                                    for (int beat = 0; beat < 2; ++beat)
-                                       beats.push_back(lab::ReadFrame(agent));
+                                       beats.push_back(support::ReadFrame(agent));
                                    HangUp(agent);
                                }},
                                logVerbose);
@@ -187,7 +189,7 @@ TEST(TunnelClientTest, IntroducesItselfAndBeats) {
         std::regex(R"(\{"method":"verify","username":"user","message":"","deviceId":"device\\/1",)"
                    R"("version":"1.0","timestamp":"\d{13}","noncestr":"\w{16}","sign":"[0-9A-F]{32}"\})")))
         << verify;
-    for (const lab::Frame& beat : beats) {
+    for (const support::Frame& beat : beats) {
         EXPECT_EQ(beat.type, 1);
         EXPECT_EQ(beat.session, "0000000000000000");
         EXPECT_EQ(beat.payload, "");
@@ -221,7 +223,7 @@ TEST(TunnelClientTest, IntroducesItselfAndBeats) {
 }
 
 TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
-    TunnelConfig config = QuickConfig(lab::ScriptedServer({}).Port());
+    TunnelConfig config = QuickConfig(support::ScriptedServer({}).Port());
     const std::string again = "[TunnelClient:50] Tunnel reconnecting...";
     for (const char* failure : {"[TunnelClient:112] Failed to connect: (111) Connection refused",
                                 "[TunnelClient:104] Failed to resolve server: ("}) {
@@ -238,28 +240,28 @@ TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
 // Everything that a tunnel and its sessions have to say, but for what other tests see at level "error" and
 // what cannot happen.
 Lines SayEverything(int level) {
-    const lab::Conversation talk = [](lab::Connection& peer) {
+    const support::Conversation talk = [](support::Connection& peer) {
         const std::string much = Megabytes(10);
         for (int i = 0; i < 40; ++i) peer.Write(much);  // it has not said all when the tunnel closes
     };
-    const lab::Conversation listen = [](lab::Connection& peer) { peer.ReadToEnd(); };
-    const lab::Conversation hangUp = [](lab::Connection& peer) { peer.Read(4); };
-    lab::ScriptedServer services({listen, hangUp}), talker({talk}), other({talk});
-    const auto everything = [&](lab::Connection& agent) {
+    const support::Conversation listen = [](support::Connection& peer) { peer.ReadToEnd(); };
+    const support::Conversation hangUp = [](support::Connection& peer) { peer.Read(4); };
+    support::ScriptedServer services({listen, hangUp}), talker({talk}), other({talk});
+    const auto everything = [&](support::Connection& agent) {
         Accept(agent);
         for (const Spoken& row : survived) row.say(agent);
-        NewSession(agent, lab::ScriptedServer({}).Port(), "refused-00000000");
-        lab::WriteFrame(agent, {0, "refused-00000000", "not sent"});
+        NewSession(agent, support::ScriptedServer({}).Port(), "refused-00000000");
+        support::WriteFrame(agent, {0, "refused-00000000", "not sent"});
         NewSession(agent, services.Port());
         Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})");
         Listen(agent, 1);
         NewSession(agent, services.Port(), "hangs-up-0000000");
-        lab::WriteFrame(agent, {0, "hangs-up-0000000", "sent"});
+        support::WriteFrame(agent, {0, "hangs-up-0000000", "sent"});
         Listen(agent, 1);
         NewSession(agent, talker.Port(), "short");
         NewSession(agent, other.Port(), "talks-0000000000");
         for (std::set<std::string> heard; heard.size() < 2;) {
-            const lab::Frame frame = lab::ReadFrame(agent);
+            const support::Frame frame = support::ReadFrame(agent);
             if (frame.type == 0) heard.insert(frame.session);
         }
         agent.Write("\3\0\0\0\1"s + "0000000000000000");

@@ -4,7 +4,7 @@
 #include <csignal>
 #include <utility>
 
-#include "lab/Signing.h"
+#include "lab/wire/Signing.h"
 #include "tests/support/LogCapture.h"
 
 namespace support {
@@ -37,10 +37,10 @@ Delays QuickDelays() {
     return delays;
 }
 
-std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations, std::int32_t level,
+std::vector<std::string> RunTunnel(std::vector<support::Conversation> conversations, std::int32_t level,
                                    const Delays& delays) {
     LogCapture log(level);
-    lab::ScriptedServer server(std::move(conversations));
+    support::ScriptedServer server(std::move(conversations));
     {
         TunnelClient client(QuickConfig(server.Port()), delays);
         client.Run();
@@ -56,17 +56,17 @@ std::vector<std::string> RunTunnel(std::vector<lab::Conversation> conversations,
     return lines;
 }
 
-void Accept(lab::Connection& agent) {
-    lab::ReadControl(agent);
+void Accept(support::Connection& agent) {
+    support::ReadControl(agent);
     Say(agent, R"({"method":"message","message":"welcome"})");
 }
 
-void HangUp(lab::Connection& agent) {
+void HangUp(support::Connection& agent) {
     agent.ShutdownSend();
     agent.ReadToEnd();
 }
 
-std::string Bytes(const lab::Frame& frame) {
+std::string Bytes(const support::Frame& frame) {
     const auto header = lab::EncodeHeader(frame.type, frame.payload.size(), frame.session);
     return std::string(header.begin(), header.end()) + frame.payload;
 }
@@ -75,21 +75,21 @@ std::string Control(const std::string& json) {
     return Bytes({lab::controlFrame, "", lab::Sign(password, json)});
 }
 
-void Say(lab::Connection& agent, const std::string& json) { agent.Write(Control(json)); }
+void Say(support::Connection& agent, const std::string& json) { agent.Write(Control(json)); }
 
 std::string NewSessionText(unsigned short port, const std::string& id) {
     return R"({"method":"new_session","session":")" + id + R"(","localHost":"127.0.0.1","localPort":)" +
            std::to_string(port) + "}";
 }
 
-void NewSession(lab::Connection& agent, unsigned short port, const std::string& id) {
+void NewSession(support::Connection& agent, unsigned short port, const std::string& id) {
     Say(agent, NewSessionText(port, id));
 }
 
-Heard Listen(lab::Connection& agent, int ends) {
+Heard Listen(support::Connection& agent, int ends) {
     Heard heard;
     while (ends > 0) {
-        const lab::Frame frame = lab::ReadFrame(agent);
+        const support::Frame frame = support::ReadFrame(agent);
         if (frame.type == 0) heard.data[frame.session] += frame.payload;
         if (frame.type != 3) continue;
         heard.control.push_back(frame.payload.substr(0, frame.payload.find(",\"timestamp\"")));

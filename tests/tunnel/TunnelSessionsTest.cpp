@@ -53,16 +53,16 @@ void ExpectToGoOnAtFourteen(const Lines& log) {
 TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
     std::string sent, received;
     while (sent.size() < 20000000) sent += "#" + std::to_string(sent.size());
-    lab::ScriptedServer service({[&](lab::Connection& peer) {
+    support::ScriptedServer service({[&](support::Connection& peer) {
         peer.Write(sent);
         peer.ReadToEnd();
     }});
-    const auto late = [&](lab::Connection& agent) {
+    const auto late = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, service.Port());
         std::this_thread::sleep_for(300ms);
         while (received.size() < sent.size()) {
-            const lab::Frame frame = lab::ReadFrame(agent);
+            const support::Frame frame = support::ReadFrame(agent);
             if (frame.type == lab::dataFrame) received += frame.payload;
         }
         HangUp(agent);
@@ -81,11 +81,11 @@ TEST(TunnelSessionsTest, DeliverPayloadsHoweverTheyArrive) {
     std::string sent, received;
     Lines expected;
     std::promise<void> allSent;
-    lab::ScriptedServer service({[&](lab::Connection& peer) {
+    support::ScriptedServer service({[&](support::Connection& peer) {
         ASSERT_EQ(allSent.get_future().wait_for(20s), std::future_status::ready);
         received = peer.Read(sent.size());
     }});
-    const auto serve = [&](lab::Connection& agent) {
+    const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, service.Port());
         for (const auto& [size, piece] : frames) {
@@ -120,7 +120,7 @@ int MostThatWait(const Lines& log) {
 }
 
 // Keeps writing until the session is closed.
-const lab::Conversation flood = [](lab::Connection& peer) {
+const support::Conversation flood = [](support::Connection& peer) {
     try {
         for (;;) peer.Write(Megabytes(1));
     } catch (const std::system_error&) {  // closed
@@ -134,15 +134,16 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
     const std::tuple<std::chrono::milliseconds, int, int> rows[] = {{1s, 1, 20}, {10ms, 55, 60}};
     for (const auto& [stall, least, most] : rows) {
         SCOPED_TRACE(most);
-        const lab::Conversation talk = [&](lab::Connection& peer) {
+        const support::Conversation talk = [&](support::Connection& peer) {
             peer.Write(sent);
             peer.ShutdownSend();
             peer.ReadToEnd();
         };
-        lab::ScriptedServer services[] = {lab::ScriptedServer({talk}), lab::ScriptedServer({talk}),
-                                          lab::ScriptedServer({talk})};
+        support::ScriptedServer services[] = {support::ScriptedServer({talk}),
+                                              support::ScriptedServer({talk}),
+                                              support::ScriptedServer({talk})};
         Heard heard;
-        const auto late = [&](lab::Connection& agent) {
+        const auto late = [&](support::Connection& agent) {
             Accept(agent);
             for (auto& service : services)
                 NewSession(agent, service.Port(), "session-" + std::to_string(10000000 + service.Port()));
@@ -164,9 +165,9 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
 /// @param longest the longest time for which the server, on a busy machine, read nothing
 int MostThatWaitOnASlowLine(const Delays& delays, std::chrono::steady_clock::duration& longest) {
     using asio::ip::tcp;
-    lab::ScriptedServer services[] = {lab::ScriptedServer({flood}), lab::ScriptedServer({flood}),
-                                      lab::ScriptedServer({flood})};
-    lab::Connection agent;
+    support::ScriptedServer services[] = {support::ScriptedServer({flood}), support::ScriptedServer({flood}),
+                                          support::ScriptedServer({flood})};
+    support::Connection agent;
     tcp::acceptor acceptor(agent.Socket().get_executor(), tcp::v4());
     // Otherwise its kernel takes a lot, and then nothing for long.
     acceptor.set_option(tcp::socket::receive_buffer_size(8192));
@@ -215,25 +216,25 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneOnASlowLine) {
 TEST(TunnelSessionsTest, AnswerSoonAlthoughTheServerHasEndedOneThatFloods) {
     const std::string steady = "steady-and-alive";
     constexpr int rounds = 10;
-    lab::ScriptedServer flooding({flood});
+    support::ScriptedServer flooding({flood});
     std::atomic<int> answers = 0;
-    lab::ScriptedServer echo({[&](lab::Connection& peer) {
+    support::ScriptedServer echo({[&](support::Connection& peer) {
         for (; answers < rounds; ++answers) peer.Write(peer.Read(1));
     }});
     std::vector<int> between;
-    const auto serve = [&](lab::Connection& agent) {
+    const auto serve = [&](support::Connection& agent) {
         agent.Socket().set_option(asio::socket_base::receive_buffer_size(65536));
         Accept(agent);
         NewSession(agent, echo.Port(), steady);
         NewSession(agent, flooding.Port());
-        for (int frames = 0; frames < 50;) frames += lab::ReadFrame(agent).session == sessionId;
+        for (int frames = 0; frames < 50;) frames += support::ReadFrame(agent).session == sessionId;
         Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})");
         for (int round = 0; round < rounds; ++round) {
-            lab::WriteFrame(agent, {lab::dataFrame, steady, "x"});
+            support::WriteFrame(agent, {lab::dataFrame, steady, "x"});
             EXPECT_TRUE(Eventually([&] { return answers > round; }));
             int frames = 0;
             for (std::string session; session != steady; frames += session == sessionId)
-                session = lab::ReadFrame(agent).session;
+                session = support::ReadFrame(agent).session;
             between.push_back(frames);
         }
         HangUp(agent);
@@ -246,13 +247,13 @@ TEST(TunnelSessionsTest, AnswerSoonAlthoughTheServerHasEndedOneThatFloods) {
 
 TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
     const std::string largest(131072, 'x');
-    lab::ScriptedServer service(
-        {[&](lab::Connection& peer) { EXPECT_TRUE(peer.ReadToEnd() == largest + "after"); }});
-    const auto serve = [&](lab::Connection& agent) {
+    support::ScriptedServer service(
+        {[&](support::Connection& peer) { EXPECT_TRUE(peer.ReadToEnd() == largest + "after"); }});
+    const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, service.Port());
-        EXPECT_THAT(lab::ReadControl(agent), StartsWith(R"({"method":"connected-session","session":")" +
-                                                        sessionId + R"(","timestamp":")"));
+        EXPECT_THAT(support::ReadControl(agent), StartsWith(R"({"method":"connected-session","session":")" +
+                                                            sessionId + R"(","timestamp":")"));
         const std::string end = R"({"method":"end_session","session":")" + sessionId + R"("})";
         agent.Write(Bytes({0, sessionId, largest}) + Control(end) + Bytes({0, sessionId, "after"}));
         service.Finish();
@@ -268,13 +269,13 @@ TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
 
 // What is queued for it is lost, whether it comes before the refusal or after it.
 TEST(TunnelSessionsTest, ReportAServiceThatRefuses) {
-    const std::string port = std::to_string(lab::ScriptedServer({}).Port()), id = sessionId;
+    const std::string port = std::to_string(support::ScriptedServer({}).Port()), id = sessionId;
     Heard heard;
-    const auto serve = [&](lab::Connection& agent) {
+    const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         Say(agent, R"({"method":"new_session","session":")" + id +
                        R"(","localHost":"127.0.0.1","localPort":" )" + port + R"(x"})");
-        lab::WriteFrame(agent, {0, id, "lost"});
+        support::WriteFrame(agent, {0, id, "lost"});
         heard = Listen(agent, 1);
         HangUp(agent);
     };
@@ -299,18 +300,18 @@ TEST(TunnelSessionsTest, ReportAServiceThatRefuses) {
 // Asked for by a frame that was half there when the connection had to stop: this must not keep the run from ending, and
 // the first good signature comes too late for heartbeats. Nothing else is acted on.
 TEST(TunnelSessionsTest, OpenedWhileStoppingAreStoppedToo) {
-    lab::ScriptedServer service({[](lab::Connection& peer) { peer.ReadToEnd(); }});
+    support::ScriptedServer service({[](support::Connection& peer) { peer.ReadToEnd(); }});
     Delays delays = QuickDelays();
     delays.verificationLimit = 50ms;
     delays.tunnelClose = 2s;
     LogCapture log(logDebug);
-    lab::ScriptedServer server({[&](lab::Connection& agent) {
-        lab::ReadControl(agent);
+    support::ScriptedServer server({[&](support::Connection& agent) {
+        support::ReadControl(agent);
         const std::string request = Control(NewSessionText(service.Port()));
         agent.Write(request.substr(0, 100));
         EXPECT_TRUE(Eventually([&] { return log.Count("Verification timeout") == 1; }));
         agent.Write(request.substr(100) + Control(NewSessionText(service.Port(), "session-00000002")));
-        lab::ReadControl(agent);  // connected-session is still written
+        support::ReadControl(agent);  // connected-session is still written
         service.Finish();
         agent.ReadToEnd();
     }});
@@ -329,16 +330,17 @@ TEST(TunnelSessionsTest, OpenedWhileStoppingAreStoppedToo) {
 }
 
 TEST(TunnelSessionsTest, NeedAnIdOfSixteenCharactersForData) {
-    lab::ScriptedServer service({[](lab::Connection& peer) {
+    support::ScriptedServer service({[](support::Connection& peer) {
         peer.Write(Megabytes(1));
         peer.ReadToEnd();
     }});
-    const auto serve = [&](lab::Connection& agent) {
+    const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, service.Port(), "abc");
-        EXPECT_EQ(lab::ReadFrame(agent).type, 1);
-        EXPECT_EQ(lab::ReadFrame(agent).type, 3);
-        for (int chunk = 0; chunk < 20; ++chunk) EXPECT_EQ(lab::ReadFrame(agent).session, "abc0000000000000");
+        EXPECT_EQ(support::ReadFrame(agent).type, 1);
+        EXPECT_EQ(support::ReadFrame(agent).type, 3);
+        for (int chunk = 0; chunk < 20; ++chunk)
+            EXPECT_EQ(support::ReadFrame(agent).session, "abc0000000000000");
         HangUp(agent);
     };
     EXPECT_THAT(RunTunnel({serve}, logDebug),
@@ -348,19 +350,19 @@ TEST(TunnelSessionsTest, NeedAnIdOfSixteenCharactersForData) {
 // The earlier connection closes at once, without a message and without a trace in the later one. What came for it
 // before, even in the same segment, is written.
 TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
-    lab::ScriptedServer first({[](lab::Connection& peer) {
+    support::ScriptedServer first({[](support::Connection& peer) {
         peer.Write("first");
         EXPECT_EQ(peer.ReadToEnd(), "one");
     }});
-    lab::ScriptedServer second({[](lab::Connection& peer) {
+    support::ScriptedServer second({[](support::Connection& peer) {
         EXPECT_EQ(peer.Read(3), "two");
         peer.Write("second");
     }});
     Heard heard;
-    const auto serve = [&](lab::Connection& agent) {
+    const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, first.Port());
-        while (lab::ReadFrame(agent).type != lab::dataFrame) continue;
+        while (support::ReadFrame(agent).type != lab::dataFrame) continue;
         agent.Write(Bytes({0, sessionId, "one"}) + Control(NewSessionText(second.Port())) +
                     Bytes({0, sessionId, "two"}));
         first.Finish();  // closed, although the server ended nothing
@@ -377,11 +379,11 @@ TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
 // Once a write has failed nothing more is written: the end of the session stays in the queue. Half a payload has come:
 // the reading side learns the reason.
 TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
-    lab::ScriptedServer service({[](lab::Connection& peer) {
+    support::ScriptedServer service({[](support::Connection& peer) {
         peer.Write(Megabytes(30));
         peer.ReadToEnd();
     }});
-    const auto serve = [&](lab::Connection& agent) {
+    const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, service.Port());
         agent.Read(1000000);

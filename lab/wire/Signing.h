@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "lab/Members.h"
+#include "lab/wire/Members.h"
 
 /// Signatures of control messages: MD5 over the password, every member but "sign" in the byte order of the
 /// names (name, then value), and the password again; nothing stands between the pieces. A string counts

@@ -5,13 +5,13 @@
 #include <utility>
 #include <vector>
 
-#include "lab/Frame.h"
-#include "lab/ScriptedServer.h"
+#include "lab/wire/Frame.h"
+#include "tests/support/ScriptedServer.h"
 
 /// The three languages that the agent speaks, for scripted servers: one call reads or writes
 /// one message of each, as docs/protocol.md describes them. A peer that wants to be wrong
 /// writes its own bytes to the Connection.
-namespace lab {
+namespace support {
 
 /// SSO service: a 4-byte big-endian length, then the JSON text.
 std::string ReadSsoRequest(Connection& connection);
@@ -46,4 +46,4 @@ std::string ReadControl(Connection& connection);
 /// rest goes out as it is written) and writes it as a type 3 frame.
 void WriteControl(Connection& connection, const std::string& password, const std::string& json);
 
-}  // namespace lab
+}  // namespace support

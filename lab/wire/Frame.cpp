@@ -1,4 +1,4 @@
-#include "lab/Frame.h"
+#include "lab/wire/Frame.h"
 
 #include <algorithm>
 

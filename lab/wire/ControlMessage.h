@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lab/Members.h"
+#include "lab/wire/Members.h"
 
 namespace lab {
 

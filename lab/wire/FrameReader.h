@@ -5,7 +5,7 @@
 #include <string>
 
 #include "lab/Buffers.h"
-#include "lab/Frame.h"
+#include "lab/wire/Frame.h"
 
 namespace lab {
 

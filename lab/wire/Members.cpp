@@ -1,4 +1,4 @@
-#include "lab/Members.h"
+#include "lab/wire/Members.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "tunnel/TunnelConfig.h"
-
 namespace nox::tunnel_client {
 
 /// One local service that the device offers through the tunnel.
@@ -26,12 +24,6 @@ struct RegistrationConfig {
     std::string macAddress;
     std::string deviceId;  ///< empty: the SSO service's certificate id is used instead
     std::vector<Route> routes;
-};
-
-/// Where and how much to log.
-struct LogConfig {
-    std::string path;        ///< base path of the log file; empty: standard output
-    std::int32_t level = 0;  ///< 0 (off) to 5 (verbose), see log/Log.h
 };
 
 }  // namespace nox::tunnel_client

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace lab {
+namespace support {
 
 /// One TCP connection, used blocking: a conversation written down from top to bottom. Every call waits for at
 /// most `patience` and throws std::system_error: timed_out then, otherwise what the socket reported
@@ -82,4 +82,4 @@ private:
     std::thread thread;
 };
 
-}  // namespace lab
+}  // namespace support

@@ -1,4 +1,4 @@
-#include "lab/RandomText.h"
+#include "lab/wire/RandomText.h"
 
 #include <openssl/rand.h>
 

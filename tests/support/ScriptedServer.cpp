@@ -1,9 +1,9 @@
-#include "lab/ScriptedServer.h"
+#include "tests/support/ScriptedServer.h"
 
 #include <optional>
 #include <utility>
 
-namespace lab {
+namespace support {
 
 using asio::ip::tcp;
 
@@ -147,4 +147,4 @@ bool ScriptedServer::Accept(Connection& connection) {
     return true;
 }
 
-}  // namespace lab
+}  // namespace support

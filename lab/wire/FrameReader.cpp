@@ -1,4 +1,4 @@
-#include "lab/FrameReader.h"
+#include "lab/wire/FrameReader.h"
 
 namespace lab {
 

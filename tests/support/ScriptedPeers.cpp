@@ -1,12 +1,12 @@
-#include "lab/ScriptedPeers.h"
+#include "tests/support/ScriptedPeers.h"
 
 #include <algorithm>
 #include <cctype>
 #include <sstream>
 
-#include "lab/Signing.h"
+#include "lab/wire/Signing.h"
 
-namespace lab {
+namespace support {
 
 namespace {
 
@@ -25,10 +25,10 @@ std::string Line(std::istream& text) {
 }  // namespace
 
 std::string ReadSsoRequest(Connection& connection) {
-    return connection.Read(DecodeLength(connection.Read(4).data()));
+    return connection.Read(lab::DecodeLength(connection.Read(4).data()));
 }
 
-std::string SsoReply(const std::string& json) { return EncodeLength(json.size()) + json; }
+std::string SsoReply(const std::string& json) { return lab::EncodeLength(json.size()) + json; }
 
 std::string HttpRequest::Header(const std::string& name) const {
     for (const auto& [candidate, value] : headers) {
@@ -59,13 +59,13 @@ std::string HttpReply(int status, const std::string& body) {
 }
 
 Frame ReadFrame(Connection& connection) {
-    const auto bytes = connection.Read(frameHeaderBytes);
-    const auto header = DecodeHeader(bytes.data());
+    const auto bytes = connection.Read(lab::frameHeaderBytes);
+    const auto header = lab::DecodeHeader(bytes.data());
     return {header.type, std::string(header.session), connection.Read(header.payloadBytes)};
 }
 
 void WriteFrame(Connection& connection, const Frame& frame) {
-    const auto header = EncodeHeader(frame.type, frame.payload.size(), frame.session);
+    const auto header = lab::EncodeHeader(frame.type, frame.payload.size(), frame.session);
     connection.Write(std::string(header.begin(), header.end()) + frame.payload);
 }
 
@@ -73,14 +73,14 @@ std::string ReadControl(Connection& connection) {
     Frame frame;
     do {
         frame = ReadFrame(connection);
-    } while (frame.type == heartbeatFrame);
-    if (frame.type != controlFrame)
+    } while (frame.type == lab::heartbeatFrame);
+    if (frame.type != lab::controlFrame)
         throw std::runtime_error("not a control frame but type " + std::to_string(frame.type));
     return frame.payload;
 }
 
 void WriteControl(Connection& connection, const std::string& password, const std::string& json) {
-    WriteFrame(connection, {controlFrame, "", Sign(password, json)});
+    WriteFrame(connection, {lab::controlFrame, "", lab::Sign(password, json)});
 }
 
-}  // namespace lab
+}  // namespace support

@@ -1,7 +1,7 @@
-#include "lab/ControlMessage.h"
+#include "lab/wire/ControlMessage.h"
 
 #include "lab/Settings.h"
-#include "lab/Signing.h"
+#include "lab/wire/Signing.h"
 
 namespace lab {
 

@@ -1,4 +1,4 @@
-#include "lab/Signing.h"
+#include "lab/wire/Signing.h"
 
 #include <openssl/evp.h>
 
@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "lab/RandomText.h"
+#include "lab/wire/RandomText.h"
 
 namespace lab {
 
