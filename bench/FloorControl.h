@@ -3,8 +3,8 @@
 #include <map>
 #include <string>
 
-/// The control messages of the floor (bench/floor.cpp): flat JSON objects whose texts hold no escapes, which
-/// is what the lab sends, signed as docs/protocol.md says.
+/// The control messages of the floor (bench/floor.cpp): flat JSON objects whose texts hold no escapes, as
+/// the lab sends them, signed as in docs/protocol.md.
 namespace floor_agent {
 
 using Members = std::map<std::string, std::string>;  ///< texts without their quotes, numbers as they are

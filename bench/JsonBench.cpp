@@ -8,7 +8,7 @@
 
 namespace {
 
-/// A JSON object of about that many bytes.
+/// A JSON object of about `bytes` bytes.
 using Shape = std::string (*)(std::size_t bytes);
 
 std::string OneText(std::size_t bytes) { return "{\"k\":\"" + std::string(bytes, 'x') + "\"}"; }

@@ -11,7 +11,7 @@ namespace {
 using namespace nox::tunnel_client;
 namespace fs = std::filesystem;
 
-/// A call as the data plane makes it, with a text and a number, into a file that does not stay.
+/// A call as the data plane makes it, with a text and a number, into a temporary file.
 void Call(benchmark::State& state, LogLevel threshold) {
     const fs::path folder = fs::temp_directory_path() / ("bench-log-" + std::to_string(getpid()));
     fs::create_directory(folder);

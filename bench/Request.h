@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <cstring>
 
-/// What the load asks of the service: one byte, answered by the same byte, or 64 bytes, of which the first
-/// says what is wanted and the next eight how much (in the machine's own byte order: both ends run on it).
-/// When all has been sent or read the service takes the next request of the connection.
+/// Requests of the load to the service: either one byte, answered by the same byte, or 64 bytes. Their first
+/// byte is the kind and the next eight are a count, in the machine's own byte order because both ends run on
+/// it. When a request has been served, the service reads the next one from the same connection.
 namespace bench {
 
 constexpr std::size_t requestBytes = 64;

@@ -27,7 +27,7 @@ void Sign(benchmark::State& state) {
 }
 BENCHMARK(Sign)->Name("signing/sign");
 
-/// What a control message from the server costs before it is acted on.
+/// The cost of reading and verifying one control message from the server.
 void ParseAndVerify(benchmark::State& state) {
     auto message = NewSession();
     SignMessage(secret, message);

@@ -1,7 +1,7 @@
 // The floor: the least that any agent with the tunnel's frames must do, to compare ours with. One epoll loop;
 // for an upload one read of at most 16384 bytes and one write, for a download a read of the header, one of
-// the payload and one write. It is given what registration yields, trusts its server, and logs nothing.
-// Usage: bench-floor PORT USERNAME PASSWORD DEVICE_ID
+// the payload and one write. It gets the results of a registration as arguments, trusts its server, and logs
+// nothing. Usage: bench-floor PORT USERNAME PASSWORD DEVICE_ID
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -50,7 +50,7 @@ int ConnectTo(int port, int flags) {
     return fd;
 }
 
-/// What could not be read or written: 0, unless it has to wait for the socket. Any other failure is the end.
+/// Result of a call that failed: 0 when it has to wait for the socket; any other failure ends the program.
 std::size_t Bytes(ssize_t result) {
     if (result > 0) return static_cast<std::size_t>(result);
     return 0;
@@ -60,7 +60,7 @@ bool HasEnded(ssize_t result) { return result == 0 || (result < 0 && errno != EA
 struct Session {
     int fd;
     std::string id;
-    std::string unsent;  // what the service did not take at once
+    std::string unsent;  // bytes that the service did not take at once
     bool closed = false;
 };
 
@@ -191,7 +191,7 @@ private:
         sessions[id] = std::move(session);
     }
 
-    // Its event may still be among those to be handled.
+    // An event of it may still be in the list that is being handled.
     void Close(Session& session) {
         session.closed = true;
         close(session.fd);

@@ -16,11 +16,12 @@ import subprocess
 import threading
 import time
 
-SLOW_LINE = ("20", "15", "10000")  # megabits per second from the device, milliseconds each way, megabits to it
+# Megabits per second from the device, milliseconds each way, megabits per second to the device.
+SLOW_LINE = ("20", "15", "10000")
 NARROW_LINE = ("1000", "0", "29")  # brings the device a packet every 0.4 ms
 
-# The device's side has a processor of its own, the last one, as a device has; its cloud and the clients share the
-# others. Left to the kernel, who wakes whom on which processor decided more than any forwarder did.
+# The device's side has a processor of its own, the last one, as a device has; its cloud and the clients share
+# the others. Left to the kernel, who wakes whom on which processor decided more than any forwarder did.
 PROCESSORS = sorted(os.sched_getaffinity(0))
 DEVICE_PROCESSOR, CLOUD_PROCESSORS = PROCESSORS[-1], PROCESSORS[:-1] or PROCESSORS
 
@@ -35,7 +36,8 @@ class Process:
     def __init__(self, name, command, folder, **options):
         self.name, self.log = name, os.path.join(folder, name + ".log")
         with open(self.log, "w", encoding="utf-8") as log:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log, **options)
+            self.process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=log, stderr=log, **options)
         self.pid = self.process.pid
 
     def wait_for(self, pattern, seconds=20):
@@ -97,7 +99,8 @@ class Forwarder:
         """The port that the device connects to in order to reach `port`."""
         if not self.line:
             return port
-        return int(self.run("link", self.tools + "/bench-link", str(port), *self.line).wait_for(r"port (\d+)")[1])
+        link = self.run("link", self.tools + "/bench-link", str(port), *self.line)
+        return int(link.wait_for(r"port (\d+)")[1])
 
     def device_environment(self):
         environment = dict(os.environ, no_proxy="127.0.0.1")
@@ -212,7 +215,8 @@ class Floor(WithLab):
 
     def start_device(self):
         user, password = self.register()
-        floor = on_device(self.tools + "/bench-floor", str(self.via_line(self.tunnel)), user, password, "floor")
+        port = str(self.via_line(self.tunnel))
+        floor = on_device(self.tools + "/bench-floor", port, user, password, "floor")
         self.device = self.run(self.name, *floor, env=self.device_environment())
 
     def register(self):

@@ -1,6 +1,6 @@
 // A slow line between a device and its cloud: relays connections to a local port, everything both ways later
-// by DELAY milliseconds, and at UP and DOWN megabits per second in all from and to the device. Usage: bench-link
-// TARGET_PORT UP DELAY DOWN, which prints its own port and relays until it is killed.
+// by DELAY milliseconds, and at UP and DOWN megabits per second in all from and to the device. Usage:
+// bench-link TARGET_PORT UP DELAY DOWN, which prints its own port and relays until it is killed.
 
 #include <netinet/tcp.h>
 
@@ -20,8 +20,9 @@ using asio::ip::tcp;
 using Clock = std::chrono::steady_clock;
 using std::chrono::nanoseconds;
 
-/// What all connections in one direction share: a byte leaves when those before it have left. Time that we came too
-/// late is made good up to `burst`, or the wire would be slower than it says.
+/// The line in one direction, shared by all connections: a byte leaves when all bytes before it have left.
+/// Lost time is made good up to `burst`, because a timer that fires late would otherwise make the line slower
+/// than its rate.
 struct Wire {
     static constexpr std::chrono::milliseconds burst{10};
     double bitsPerSecond;
@@ -35,8 +36,8 @@ struct Wire {
 };
 
 /// One direction of one connection.  Listen -> OnRead -> Listen ... takes a packet when the wire is free for
-/// it, Deliver -> OnDue -> Deliver ... hands it on when it has arrived. What waits for the wire waits at the
-/// sender.
+/// it, Deliver -> OnDue -> Deliver ... hands it on when it has arrived. Bytes that wait for the wire wait at
+/// the sender.
 class Direction : public std::enable_shared_from_this<Direction> {
 public:
     Direction(std::shared_ptr<tcp::socket> source, std::shared_ptr<tcp::socket> sink, Wire& shared,
@@ -95,7 +96,7 @@ private:
     Wire& wire;
     std::chrono::milliseconds delay;
     std::string buffer = std::string(1448, '\0');
-    std::deque<Packet> packets;  // on the line
+    std::deque<Packet> packets;  // that have left and not arrived
 };
 
 struct Link {
@@ -104,8 +105,8 @@ struct Link {
           down{downMegabits * 1e6},
           target(asio::ip::address_v4::loopback(), port),
           delay(delayOfLine) {
-        // Little waits in the line itself, and packets are as small as on a real one: loopback's are larger
-        // than such a buffer, and would trickle.
+        // A small buffer, because little waits in a real line; and packets of a real line's size, because
+        // loopback's are larger than that buffer and would trickle.
         acceptor.set_option(asio::socket_base::receive_buffer_size(16384));
         acceptor.set_option(asio::detail::socket_option::integer<IPPROTO_TCP, TCP_MAXSEG>(1460));
         acceptor.listen();

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-// What malloc calls in the C library.
+// The C library's own malloc behind the public name.
 extern "C" void* __libc_malloc(std::size_t size);  // NOLINT(bugprone-reserved-identifier)
 
 namespace {

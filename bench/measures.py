@@ -1,7 +1,7 @@
 """The measurements, each of one forwarder that stands: a generator of the values of one step, by figure.
 
-A figure's name reads from the general to the special: what, which way, how many streams, unit. What depends on when it is
-measured is measured several times, and its figure comes as often.
+A figure's name goes from the general to the special: kind, direction, number of streams, unit. A figure that
+depends on the moment is measured several times, and yielded as often.
 """
 
 import contextlib
@@ -14,7 +14,7 @@ import time
 
 MIB, GIB = 1 << 20, 1 << 30
 TIMES = 4  # that something short is measured by one process
-LATE = 6  # seconds in which a session whose client has gone is still served, a little more than the agent's five
+LATE = 6  # seconds; a session whose client has gone is served for five
 UPLOAD_FRAME, DOWNLOAD_FRAME = 16384, 131072  # bytes of payload at most; frames are rarely smaller in bulk
 
 
@@ -23,7 +23,8 @@ class Load:
 
     def __init__(self, forwarder, *words):
         self.command = [forwarder.tools + "/bench-load", str(forwarder.port), *map(str, words)]
-        self.process = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.process = subprocess.Popen(
+            self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
     def __enter__(self):
         try:
@@ -59,7 +60,8 @@ def cpu_seconds(forwarder):
     """Of the device's process since its start, all threads, user and system."""
     if not forwarder.device:
         return 0.0
-    return time.clock_gettime((~forwarder.device.pid << 3) | 2)  # the clock that the kernel keeps for that process
+    # The kernel's clock of that process, see clock_getcpuclockid(3).
+    return time.clock_gettime((~forwarder.device.pid << 3) | 2)
 
 
 def prove(forwarder):
@@ -82,8 +84,9 @@ def bulk(forwarder, quick, streams=(1, 8), ways=("up", "down"), prefix="bulk"):
     size = GIB // 4 if quick else 2 * GIB
     for direction in ways:
         for count in streams:
-            # Many sessions take a while to fill what lies between. But a thousand services hand 2 GiB to the kernel at
-            # once, and under memory pressure (tcp_mem, see tcp(7)) it drops segments and waits for seconds.
+            # Many sessions take a while to fill what lies between. But a thousand services hand 2 GiB to the
+            # kernel at once, and under memory pressure (tcp_mem, see tcp(7)) it drops segments and waits for
+            # seconds.
             times = 1 if quick else TIMES // 2 if count > 10 else TIMES
             for _ in range(times):
                 speed, cpu = move(forwarder, size // times, direction, count)
@@ -104,7 +107,7 @@ def frames(forwarder, quick):
 
 
 def pieces(forwarder, quick):
-    """On a forwarder that stands with the narrow line, which brings large frames one packet of 1448 bytes at a time."""
+    """On a forwarder with the narrow line, which brings large frames in packets of 1448 bytes."""
     for _ in range(1 if quick else TIMES // 2):
         _, cpu = move(forwarder, 8 * MIB, "down", 1)
         yield {"pieces down CPU s/GiB": cpu}
@@ -128,7 +131,8 @@ def round_trips(forwarder, prefix, times, kinds):
 
 def roundtrip(forwarder, quick):
     times = 300 if quick else 1500
-    yield from round_trips(forwarder, "roundtrip", times, ["whole", "request", "both"] * (1 if quick else TIMES))
+    loads = ["whole", "request", "both"] * (1 if quick else TIMES)
+    yield from round_trips(forwarder, "roundtrip", times, loads)
     yield from round_trips(forwarder, "roundtrip", times, ["whole up", "request up", "both up", "whole down"])
 
 
@@ -139,9 +143,9 @@ def line(forwarder, quick):
 
 
 def fair(forwarder, quick):
-    """On a forwarder that stands with the slow line: what busy sessions leave to others. Only one goal is about ssh,
-    and it is beside eight."""
-    quiet_from = 0.0  # when nothing is left of the load before
+    """On a forwarder with the slow line: the share that busy sessions leave to others. ssh is measured beside eight
+    only, because the one goal about it is."""
+    quiet_from = 0.0  # when the frames of the load before have gone
     for uploads in (8,) if forwarder.name == "ssh" else (8, 64) if quick else (1, 8, 64):
         closes = {1: 0, 8: 4, 64: 3}[uploads]
         seconds = 4 if quick else 12 if uploads == 64 else 6
@@ -192,8 +196,8 @@ def own_memory(forwarder):
 
 
 def queued(forwarder, _):
-    """On a forwarder without a past. Every payload is a frame of its own, or the figure would be for several;
-    and they are so many that one large payload, on its way at the moment of a look, makes little difference."""
+    """On a fresh forwarder. Every payload is a frame of its own; otherwise the figure would be for several. There are
+    so many that one large payload, on its way at the moment of measuring, makes little difference."""
     count = 2000
     with Load(forwarder, "queued", count, 20) as run:
         before = own_memory(forwarder)
@@ -224,7 +228,8 @@ def mallocs(forwarder, quick):
             with Load(forwarder, "bulk", size, direction, count) as run:
                 before = malloc_count(forwarder)
                 run.finish()
-                yield {f"mallocs {direction} {count} per frame": (malloc_count(forwarder) - before) * frame / size}
+                count_per_frame = (malloc_count(forwarder) - before) * frame / size
+                yield {f"mallocs {direction} {count} per frame": count_per_frame}
 
 
 def malloc_count(forwarder):
@@ -249,7 +254,7 @@ def wake_ups(forwarder):
 
 
 def heartbeats(forwarders, quick):
-    """All at once on slow lines, just after they have connected, which the first heartbeat follows at once."""
+    """Of all agents at once on slow lines, from the connect on, which the first heartbeat follows at once."""
     with contextlib.ExitStack() as ends:
         runs = [ends.enter_context(Load(forwarder, "flood", 64)) for forwarder in forwarders]
         time.sleep(33 if quick else 66)

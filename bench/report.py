@@ -25,7 +25,8 @@ def write_all(result, folder):
     print("\n" + text)
     plots = [f"![{name}]({name}.svg)\n" for name in plot_all(figures, folder)]
     with open(folder + "/figures.md", "w", encoding="utf-8") as file:
-        file.write("# Figures\n\nWritten by `scripts/bench.sh`; docs/performance.md explains them.\n\n" + text + "\n" + "\n".join(plots))
+        head = "# Figures\n\nWritten by `scripts/bench.sh`; docs/performance.md explains them.\n\n"
+        file.write(head + text + "\n" + "\n".join(plots))
 
 
 def add_derived(values):
@@ -36,8 +37,8 @@ def add_derived(values):
 
 def describe(result):
     machine = result["machine"]
-    return (f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}, load {machine['load']:.1f} "
-            f"at the end of the run; {result['rounds']} rounds{QUICK if result['quick'] else ''}. "
+    return (f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}, "
+            f"load {machine['load']:.1f} at the end of the run; {result['rounds']} rounds{QUICK if result['quick'] else ''}. "
             "Median (least - greatest)." + "".join(f"\n- failed: {failure}" for failure in result["failures"]))
 
 
@@ -163,21 +164,23 @@ def plot_all(figures, folder):
     names = [
         bars(figures, folder, "bulk-cpu", "CPU seconds per GiB, device's side",
              {f"{way}, {count}": f"bulk {way} {count} CPU s/GiB" for way, count in WAYS}),
-        bars(figures, folder, "bulk-speed", "MB/s", {f"{way}, {count}": f"bulk {way} {count} MB/s" for way, count in WAYS}),
+        bars(figures, folder, "bulk-speed", "MB/s",
+             {f"{way}, {count}": f"bulk {way} {count} MB/s" for way, count in WAYS}),
         bars(figures, folder, "roundtrip", "round trip, median, us",
              {kind: f"roundtrip {kind} p50 us" for kind in kinds}, "set logscale y"),
         bars(figures, folder, "line", "round trip on the slow line, median, us",
              {kind + way: f"line {kind}{way} p50 us" for way in ("", " up") for kind in kinds}),
-        *(lines(figures, folder, "streams-" + way, f"CPU seconds per GiB {way}, device's side", "sessions, all active",
-                {count: f"bulk {way} {count} CPU s/GiB" for count in STREAMS}) for way in ("up", "down")),
+        *(lines(figures, folder, "streams-" + way, f"CPU seconds per GiB {way}, device's side",
+                "sessions, all active", {count: f"bulk {way} {count} CPU s/GiB" for count in STREAMS}) for way in ("up", "down")),
     ]
     return [name for name in names if name]
 
 
 def bars(figures, folder, name, label, columns, more=""):
     shown = [who for who in figures if any(figure in figures[who] for figure in columns.values())]
-    data = "".join(block(who, [[f'"{title}"', *spread(figures[who].get(figure))] for title, figure in columns.items()])
-                   for who in shown)
+    data = "".join(
+        block(who, [[f'"{title}"', *spread(figures[who].get(figure))] for title, figure in columns.items()])
+        for who in shown)
     draw = ", ".join(f'${who} using 2:3:4:xticlabels(1) title "{who}"' for who in shown)
     return gnuplot(folder, name, label, shown, data + f"""
 set style data histogram

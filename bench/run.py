@@ -20,8 +20,8 @@ AGENTS = (kinds.Agent, kinds.Before)
 WITH_FLOOR = (*AGENTS, kinds.Floor)
 WITHOUT_A_PAST = ("memory", "queued", "drained")  # wanted by these
 
-# Name, how the forwarder must stand for it, which forwarders can, and how many times in a round, with new processes each
-# time: some figures depend on where a process's memory happens to lie.
+# Name, how the forwarder must stand for it, which forwarders can, and how many times in a round, with new
+# processes each time: some figures depend on where a process's memory happens to lie.
 MEASURES = {
     "bulk": ({}, lambda kind: True, 3),
     "roundtrip": ({}, lambda kind: True, 1),
@@ -73,11 +73,14 @@ def read_options():
     every = [*MEASURES, "idle", "heartbeats", "parts"]
     parser.add_argument("--quick", action="store_true", help="one round of short measurements")
     parser.add_argument("--rounds", type=int, help="how often each is measured [5, quick: 1]")
-    parser.add_argument("--output", default="build/bench/results", help="folder of results and plots [%(default)s]")
-    parser.add_argument("--only", nargs="+", choices=every, default=every, metavar="WHAT", help=f"of {' '.join(every)}")
+    parser.add_argument("--output", default="build/bench/results",
+                        help="folder of results and plots [%(default)s]")
+    parser.add_argument("--only", nargs="+", choices=every, default=every, metavar="WHAT",
+                        help=f"of {' '.join(every)}")
     parser.add_argument("--forwarders", nargs="+", choices=kinds.FORWARDERS, default=list(kinds.FORWARDERS),
                         metavar="NAME", help=f"of {' '.join(kinds.FORWARDERS)}")
-    parser.add_argument("--before", metavar="DIR", help="also the agent of another build folder, as \"before\"")
+    parser.add_argument("--before", metavar="DIR",
+                        help="also the agent of another build folder, as \"before\"")
     parser.add_argument("--tools", default="build/bench/bench", help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.before:
@@ -123,8 +126,8 @@ def one_measure(options, folder, port, figures, measure):
 
 
 def in_turns(generators):
-    """Pairs of a name and the next value of its generator, or the exception that ended it. All take turns, in random
-    order, step by step: the machine's speed changes within minutes, and nobody must have a bad one for himself."""
+    """Pairs of a name and the next value of its generator, or the exception that ended it. All take turns step by step,
+    in random order, so that a slow minute of the machine falls on all of them."""
     while generators:
         for name in random.sample(list(generators), len(generators)):
             try:
@@ -169,7 +172,8 @@ def measure_heartbeats(options, folder, port, figures):
         for name in options.forwarders:
             if kinds.FORWARDERS[name] in AGENTS:
                 own = tempfile.mkdtemp(dir=folder)
-                standing.append(ends.enter_context(kinds.FORWARDERS[name](options.tools, own, port, line=kinds.SLOW_LINE)))
+                forwarder = kinds.FORWARDERS[name](options.tools, own, port, line=kinds.SLOW_LINE)
+                standing.append(ends.enter_context(forwarder))
         try:
             for name, figure, value in measures.heartbeats(standing, options.quick):
                 figures[name][figure] = [value]
@@ -180,11 +184,12 @@ def measure_heartbeats(options, folder, port, figures):
 
 
 def measure_parts(options, parts):
-    """Nanoseconds of each small part. They follow each other, so a slow minute of the machine falls on some of them; it
-    falls on others in the next round."""
+    """Nanoseconds of each small part. One follows the other, so a slow minute of the machine falls on some of them,
+    and on others in the next round."""
     command = [options.tools + "/bench-parts", "--benchmark_format=json", "--benchmark_repetitions=3",
                "--benchmark_min_time=" + ("0.05" if options.quick else "0.2")]
-    text = subprocess.run(command, check=True, timeout=600, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+    text = subprocess.run(
+        command, check=True, timeout=600, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
     for run in json.loads(text)["benchmarks"]:
         if run["run_type"] == "iteration":
             parts.setdefault(run["name"].replace("/iterations:200000", ""), []).append(run["cpu_time"])

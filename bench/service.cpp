@@ -21,7 +21,7 @@ constexpr std::size_t chunkBytes = 262144;
 /// One client, which its operations keep alive.  Ask -> OnRequest -> Reply / Send / Receive / Echo -> Ask ...
 /// It hangs up when it is asked to leave, or has held on for as long as it was asked to.
 class Client : public std::enable_shared_from_this<Client> {
-    // A handler that hangs up after an error: the last one to go takes the client with it.
+    // A handler that hangs up after an error. The last handler to be destroyed destroys the client.
     template <typename Next>
     auto Then(Next next) {
         return [self = shared_from_this(), next](std::error_code error, std::size_t size) {
@@ -68,7 +68,7 @@ private:
     void Send() {
         if (left == 0) return Ask();
         const auto size = std::min<std::uint64_t>(left, chunkBytes);
-        socket.async_write_some(asio::buffer(nobodyLooks.data(), size), Then([this](auto sent) {
+        socket.async_write_some(asio::buffer(unused.data(), size), Then([this](auto sent) {
                                     left -= sent;
                                     Send();
                                 }));
@@ -76,7 +76,7 @@ private:
 
     void Receive() {
         if (left == 0) return Reply(0, 1);
-        socket.async_read_some(asio::buffer(nobodyLooks), Then([this](auto size) {
+        socket.async_read_some(asio::buffer(unused), Then([this](auto size) {
                                    left -= size;
                                    Receive();
                                }));
@@ -88,11 +88,11 @@ private:
     }
 
     void Give() {
-        socket.async_write_some(asio::buffer(nobodyLooks), Then([this](auto) { Give(); }));
+        socket.async_write_some(asio::buffer(unused), Then([this](auto) { Give(); }));
     }
 
     void Take() {
-        socket.async_read_some(asio::buffer(nobodyLooks), Then([this](auto) { Take(); }));
+        socket.async_read_some(asio::buffer(unused), Then([this](auto) { Take(); }));
     }
 
     void Hold() {
@@ -110,7 +110,7 @@ private:
                                }));
     }
 
-    static std::string nobodyLooks;  // one for all clients
+    static std::string unused;  // received bytes, never read; one for all clients
 
     tcp::socket socket;
     asio::steady_timer pause{socket.get_executor()};
@@ -119,7 +119,7 @@ private:
     std::string own;
 };
 
-std::string Client::nobodyLooks(chunkBytes, '.');
+std::string Client::unused(chunkBytes, '.');
 
 void Accept(tcp::acceptor& acceptor) {
     acceptor.async_accept([&acceptor](std::error_code error, tcp::socket client) {

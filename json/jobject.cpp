@@ -7,7 +7,7 @@ namespace json {
 
 namespace {
 
-// Each of these steps `at` over what it reads and the white space behind it, or returns false.
+// Each of these moves `at` behind the token that it reads and the white space after it, or returns false.
 
 bool read_value(const char*& at, ParseResult& result) {
     at = skip_whitespace(at);
@@ -25,8 +25,8 @@ bool read_key(const char*& at, std::string& key) {
     return true;
 }
 
-// A comma is forgiven right before the closing bracket only. With white space between them it is not: that is
-// left for the next member, which is then missing.
+// A comma is accepted directly before the closing bracket. With white space between the two it is not: then
+// the next member is expected, and found missing.
 bool read_end(const char*& at, char closing) {
     if (*at == closing) return true;
     if (*at != ',') return false;
@@ -34,7 +34,7 @@ bool read_end(const char*& at, char closing) {
     return true;
 }
 
-// What is wrong with appending a member of that key, or null. Whether the key is taken is not looked at here.
+// Returns the fault of a member with that key, or null. Does not look for an earlier member of the same key.
 const char* fault_of_key(const std::string& key, bool array) {
     if (array) return key.empty() ? nullptr : "Array cannot have key";
     return key.empty() ? "Missing key" : nullptr;
@@ -59,14 +59,14 @@ jobject jobject::parse(const char* text) {
     if (*at != '[' && *at != '{') throw parsing_error("Input is not a valid object");
     jobject result(*at == '[');
     const char* fault = result.read_members(skip_whitespace(at + 1));
-    // A key that comes twice does so ahead of the member that stopped the reading, so it is what is reported.
+    // A key conflict comes before the member that stopped the reading, so the conflict is reported.
     if (result.has_key_conflict()) throw parsing_error("Key conflict");
     if (fault != nullptr) throw parsing_error(fault);
     return result;
 }
 
 /// Appends the members from `at` up to the closing bracket.
-/// @return null, or what is wrong with the first that cannot be appended
+/// @return null, or the fault of the first member that cannot be appended
 const char* jobject::read_members(const char* at) {
     const char closing = array_flag ? ']' : '}';
     while (*at != closing) {
@@ -81,8 +81,9 @@ const char* jobject::read_members(const char* at) {
     return nullptr;
 }
 
-/// All keys at once, sorted: a hostile object of many members must not cost a search for each. Hashes go
-/// first only because they compare fast; keys made to share one just compare slower.
+/// Sorts all keys at once, because a search for each key of a hostile object would take quadratic time.
+/// Hashes are compared first only because that is fast; keys with equal hashes are still told apart by their
+/// texts.
 bool jobject::has_key_conflict() const {
     if (array_flag) return false;
     std::vector<std::pair<std::size_t, std::string_view>> keys;

@@ -11,8 +11,8 @@ bool is_container(const std::string& value) {
 
 }  // namespace
 
-/// Containers that have begun wait on a stack of their own instead of the machine's. They give away the
-/// values that are written, so that a text deep inside is not kept once for every level around it.
+/// Containers that are being written wait on a stack of our own instead of the machine's. Each value is moved
+/// out when it is written; otherwise a deeply nested text would be kept once for every level around it.
 std::string jobject::pretty(unsigned indent_level) const {
     std::string text(indent_level, '\t');
     std::vector<std::pair<jobject, std::size_t>> open;  // with the index of the next entry

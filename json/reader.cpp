@@ -8,7 +8,7 @@ namespace json {
 
 namespace {
 
-// get_state() shows these, so their values stay.
+// get_state() returns these, so the values must not change.
 enum string_state : unsigned char {
     string_start = 0,
     string_opened = 1,
@@ -39,14 +39,14 @@ enum container_state : unsigned char {
     container_closed = 4
 };
 
-constexpr int refused = -1;  // instead of a next state
+constexpr int refused = -1;  // in the place of the next state
 
 bool is_digit(char ch) { return ch >= '0' && ch <= '9'; }
 bool is_exponent(char ch) { return ch == 'e' || ch == 'E'; }
 bool is_hex_digit(char ch) { return is_digit(ch) || (ch >= 'a' && ch <= 'f') || (ch >= 'A' && ch <= 'F'); }
 
-// The solidus is not among them, although encode_string() escapes it and decode_string() reads it:
-// deliberately, so a value that holds an escaped one is refused.
+// The solidus is deliberately not among them, although encode_string() escapes it and decode_string() reads
+// it: a value with an escaped solidus is refused.
 int after_escape(char ch) {
     if (ch == 'u') return string_hex_1;
     return ch != '\0' && std::strchr("\"\\bfnrt", ch) != nullptr ? string_inside : refused;
@@ -153,7 +153,7 @@ reader::push_result reader::push_value(char ch) {
         case jtype::jnumber: return push_number(ch);
         case jtype::jbool: return push_boolean(ch);
         case jtype::jnull: return push_null(ch);
-        default: return REJECTED;  // a container that is closed
+        default: return REJECTED;  // the container is closed
     }
 }
 
@@ -203,8 +203,8 @@ reader::push_result reader::begin_value(char ch) {
     return push_value(ch);
 }
 
-// Of a value inside a container. White space after it has been skipped without ending it: a number may go on
-// behind white space, so that [1 2] reads as [12], and what is sent on is what was understood.
+// For a value inside a container. White space after it is skipped and does not end it: a number may go on
+// behind white space, so [1 2] reads as [12], and is written as [12] too.
 reader::push_result reader::end_value(char ch) {
     if (ch == ',') return move_to(spot::after_comma, ch);
     return ch == (open.back() == '[' ? ']' : '}') ? close(ch) : REJECTED;

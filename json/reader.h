@@ -6,7 +6,7 @@
 
 namespace json {
 
-/// A text that is not what it has to be; what() is always one of the library's fixed texts.
+/// A text that does not have the required form; what() is always one of the library's fixed texts.
 class parsing_error : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
@@ -48,7 +48,7 @@ public:
     unsigned char get_state() const;
 
 private:
-    /// What the next character belongs to.
+    /// The token to which the next character belongs.
     enum class spot { start, opened, after_comma, key, after_key, after_colon, value };
 
     push_result push_key(char ch);

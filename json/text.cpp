@@ -7,8 +7,8 @@ namespace json {
 
 namespace {
 
-// The bytes that are escaped, and the letters that stand for them behind a backslash. The solidus is always escaped,
-// though reader refuses that: deliberately, receivers have always been sent it so.
+// The bytes that are escaped, and the letters that stand for them behind a backslash. The solidus is
+// deliberately escaped, although reader refuses that: receivers have always been sent it in this form.
 constexpr const char* plains = "\"\\/\b\f\n\r\t";
 constexpr const char* letters = "\"\\/bfnrt";
 
@@ -24,7 +24,7 @@ const char* end_of_plain_string(const char* quote) {
     return *end == '"' ? end + 1 : nullptr;
 }
 
-// Behind \u: four characters further, whatever they are, but never beyond the end.
+// Skips the four characters behind \u, whichever they are, but never goes beyond the end.
 const char* skip_code_point(const char* digits) { return digits + strnlen(digits, 4); }
 
 }  // namespace
@@ -37,11 +37,11 @@ const char* skip_whitespace(const char* text) {
 ParseResult parse_value(const char* text) {
     const char* at = skip_whitespace(text);
     if (*at == '\0') throw parsing_error("Input was only whitespace");
-    // Nearly all that the agent ever reads are these, and the reader would say nothing else of them.
+    // A shortcut for nearly all values that the agent reads; the reader would give the same result.
     const char* end = *at == '"' ? end_of_plain_string(at) : nullptr;
     if (end != nullptr) return {jtype::jstring, {at, end}, end};
     reader input;
-    // The end is looked for here: inside a string the reader would take the NUL like any other character.
+    // The end of the text is found here, because inside a string the reader accepts a NUL like any character.
     while (*at != '\0' && input.push(*at) != reader::REJECTED) ++at;
     if (!input.is_valid()) return {jtype::not_valid, {}, at};
     const jtype type = input.type();

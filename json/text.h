@@ -10,9 +10,10 @@ namespace json {
 /// One value taken off the front of a text.
 struct ParseResult {
     jtype type = jtype::not_valid;  ///< not_valid when the text does not begin with a complete value
-    std::string value;  ///< the value without the white space between tokens; empty when not valid
-    const char* remainder =
-        nullptr;  ///< into the text: the first character that does not belong to the value
+    /// The value without the white space between tokens; empty when not valid.
+    std::string value;
+    /// Into the text: the first character that does not belong to the value.
+    const char* remainder = nullptr;
 };
 
 const char* skip_whitespace(const char* text);

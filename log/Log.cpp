@@ -21,7 +21,7 @@ constexpr std::int64_t secondsPerHour = 3600;
 struct Logger {
     std::int32_t threshold = logVerbose;
     std::FILE* stream = nullptr;
-    const char* basePath = nullptr;  // the caller's
+    const char* basePath = nullptr;  // owned by the caller
     std::string fileName;            // of the open log file
     std::uint32_t timestamps = 0;
     std::int64_t maxFileSize = 0;    // bytes; below 1: no limit
@@ -32,14 +32,14 @@ struct Logger {
 };
 Logger logger;
 
-// A clock set to a year that the calendar cannot hold must not bring the process down: it reads as no date.
+// A clock that is set to a year beyond the calendar must not end the process: the date is left empty.
 std::tm LocalTime() {
     const std::time_t now = std::time(nullptr);
     const std::tm* local = std::localtime(&now);
     return local != nullptr ? *local : std::tm{};
 }
 
-// "LOG START" or "LOG END"; asctime's line feed stays out.
+// Writes "LOG START" or "LOG END" with the date, without the line feed that asctime appends.
 void WriteDated(const char* event) {
     const std::tm now = LocalTime();
     const char* text = std::asctime(&now);
@@ -47,7 +47,7 @@ void WriteDated(const char* event) {
     std::fprintf(logger.stream, "%s %.*s", event, static_cast<int>(length), text != nullptr ? text : "");
 }
 
-// Returns whether there was memory for it.
+// Returns false when there was no memory for it.
 bool NameFile() try {
     const std::tm now = LocalTime();
     std::array<char, 100> date{};
@@ -108,7 +108,7 @@ void CheckAge() {
     if (std::time(nullptr) >= logger.nextRotation) OpenOutput();
 }
 
-// The two clock readings are independent: as a second turns, the milliseconds may be those of the next one.
+// The clock is read twice: when a second begins in between, the milliseconds belong to the new second.
 void WriteTimeOfDay(std::FILE* out) {
     const std::tm now = LocalTime();
     std::timespec precise{};
@@ -192,7 +192,7 @@ int LogStop() {
 
 void LogWrite(const char* file, int line, std::int32_t level, const char* format, ...) {
     if (level > logger.threshold || format == nullptr) return;
-    const int callersErrno = errno;  // so that a caller may log before it looks at errno
+    const int callersErrno = errno;  // a caller may log before it reads errno
     std::FILE* out = logger.stream != nullptr ? logger.stream : stdout;
     if (logger.timestamps != 0) WriteTimeOfDay(out);
     std::fprintf(out, "[%s:%d] ", file, line);

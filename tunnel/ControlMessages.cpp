@@ -76,8 +76,8 @@ std::optional<SessionParams> ServerMessage::NewSession() const {
         return std::nullopt;
     }
     const std::int32_t port = std::stoi(message["localPort"].as_string());
-    // Names are not looked up, so no session can be opened to the default: a server has to name the address in
-    // numbers, and one that does not ends the run. Kept on purpose; do not put an address in its place.
+    // Names are not looked up, so no session can be opened to the default: a server has to name the address
+    // in numbers, and one that does not ends the run. Kept on purpose; do not put an address in its place.
     const std::string host = HasString("localHost") ? message["localHost"].as_string() : "localhost";
     return SessionParams{message["session"].as_string(), host, port};
 }

@@ -17,9 +17,10 @@ std::string BuildConnectedSessionMessage(const std::string& password, const std:
 /// The service could not be reached, or has ended.
 std::string BuildDisconnectSessionMessage(const std::string& password, const std::string& sessionId);
 
-/// A control message from the server. What is wrong with it is logged where it is read.
+/// A control message from the server. Its faults are logged where they are found.
 ///
-/// Reading it throws json::parsing_error or json::invalid_key, in any call: values are parsed when they are needed.
+/// Reading it throws json::parsing_error or json::invalid_key, in any call: values are parsed when they are
+/// needed.
 class ServerMessage {
 public:
     explicit ServerMessage(const std::string& payload)
@@ -29,7 +30,7 @@ public:
     bool IsSigned() const;
     /// Whether the signature is the one that `password` makes. @param password the tunnel's
     bool IsGenuine(const std::string& password) const;
-    /// What the server asks for; only a known method means anything.
+    /// The request, such as "new_session"; a method that is not known has no effect.
     std::string Method() const { return message["method"].as_string(); }
 
     /// For "message": writes the server's text to the log.

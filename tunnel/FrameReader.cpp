@@ -30,16 +30,17 @@ void FrameReader::Read() {
                            [this](std::error_code error, std::size_t got) { OnRead(error, got); });
 }
 
-// A frame is of no use before it is complete, and a slow line would wake the agent for each of its packets. Never more
-// than is missing, or the frame's end would wait for the frame after it. The end of the connection wakes it in any
-// case, see SO_RCVLOWAT in socket(7). Without the option everything still works.
+// A frame is of no use before it is complete, and a slow line would wake the agent for each of its packets.
+// Never more than is missing, or the frame's end would wait for the frame after it. The end of the connection
+// wakes it in any case, see SO_RCVLOWAT in socket(7). Without the option everything still works.
 void FrameReader::SetWakeBytes(int bytes) {
     if (std::exchange(wakesAt, bytes) == bytes) return;
     std::error_code ignored;
     socket.set_option(asio::socket_base::receive_low_watermark(bytes), ignored);
 }
 
-// An empty buffer does not start again at its front either: bytes that were handed out stay poisoned for a while.
+// An empty buffer does not start again at its front either: bytes that were handed out stay poisoned for a
+// while.
 void FrameReader::MakeRoom(std::size_t size) {
     if (end + size <= bufferBytes) return;
     ASAN_UNPOISON_MEMORY_REGION(buffer.get(), bufferBytes);

@@ -13,11 +13,11 @@ namespace nox::tunnel_client {
 ///
 ///   ListenToTunnelServer -> Read -> OnRead -> HandleFrames (HandleFrame, ...) -> Read or HandleFrames ...
 ///
-/// One read is under way at most. All frames of a batch are handed out in one turn of the event loop, and their
-/// memory is used again after it.
+/// One read is under way at most. All frames of a batch are handed out in one turn of the event loop, and
+/// their memory is used again after it.
 class FrameReader {
 public:
-    /// Whoever acts on the frames.
+    /// Acts on the frames.
     class Owner {
     public:
         virtual ~Owner() = default;
@@ -26,7 +26,8 @@ public:
         virtual bool HandleMessage(const FrameHeader& header, std::string_view payload) = 0;
         /// The memory of the payloads handed out so far will be used again.
         virtual void OnBatchOver() = 0;
-        /// Nothing more will be read: the connection broke, or announced too large a frame. It has been logged.
+        /// Nothing more will be read: the connection broke, or announced too large a frame. It has been
+        /// logged.
         virtual void Stop() = 0;
     };
 

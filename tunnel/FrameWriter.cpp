@@ -22,7 +22,8 @@ std::uint64_t FrameWriter::Departed() const {
     return written - static_cast<std::uint64_t>(unacknowledged);
 }
 
-// The write is posted as its completion would be: in the log it comes behind everything that is due before it.
+// The write is posted as its completion would be: in the log it comes behind everything that is due before
+// it.
 void FrameWriter::SendAsync() {
     LogFront();
     asio::post(ioContext, [this] { WriteQueue(); });

@@ -15,11 +15,11 @@ namespace nox::tunnel_client {
 ///
 ///   QueueMessage -> SendAsync -> WriteQueue (WriteFrames, ...) <-> WaitForSocket
 ///
-/// Nothing is written inside the call that queues it. Each call to the socket offers it several frames; calls follow
-/// one another until it takes no more. After an error nothing is written any more.
+/// Nothing is written inside the call that queues it. Each call to the socket offers it several frames; calls
+/// follow one another until it takes no more. After an error nothing is written any more.
 class FrameWriter : public ReadTurns::Line {
 public:
-    /// Whoever is told what became of the frames.
+    /// Is told which frames have been written.
     class Owner {
     public:
         virtual ~Owner() = default;

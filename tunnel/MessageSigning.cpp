@@ -30,7 +30,8 @@ std::string MillisecondsSinceEpoch() {
     return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// rand() is never seeded, here or anywhere in the agent, so each start repeats the same nonces; servers know them so.
+// rand() is never seeded, here or anywhere in the agent, so each start repeats the same nonces; servers know
+// them so.
 std::string Nonce() {
     constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     std::string nonce;
@@ -57,8 +58,8 @@ void AddTimestampAndNonce(json::jobject& message) {
     message["noncestr"] = Nonce();
 }
 
-// In ascending order of the members' names, whose bytes compare as unsigned. A number is signed by its text, so a time
-// stamp sent as a number and one sent as a string sign alike.
+// In ascending order of the members' names, whose bytes compare as unsigned. A number is signed by its text,
+// so a time stamp sent as a number and one sent as a string sign alike.
 std::string ComputeSign(const std::string& secret, const json::jobject& message) {
     if (!message.has_key("timestamp")) throw json::invalid_key("timestamp");
     std::multimap<std::string, std::size_t> positions;

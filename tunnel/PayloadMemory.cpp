@@ -7,8 +7,8 @@
 
 namespace nox::tunnel_client {
 
-// Large copies mostly have the same size, and the processor still has the one in its cache that was released last. A
-// spare of another size is freed, so that the next one fits.
+// Large copies mostly have the same size, and the processor still has the one in its cache that was released
+// last. A spare of another size is freed, so that the next one fits.
 std::string PayloadMemory::Copy(std::string_view bytes) {
     held += bytes.size();
     peak = std::max(peak, held);

@@ -11,8 +11,8 @@ namespace nox::tunnel_client {
 
 /// The memory in which payloads wait until they can be written, in either direction.
 ///
-/// A copy takes at most twice its size, whatever was copied before it. After a burst the memory goes back to the
-/// system, even while sessions live on, but once a second at most. Runs on the thread of `io`.
+/// A copy takes at most twice its size, whatever was copied before it. After a burst the memory goes back to
+/// the system, even while sessions live on, but once a second at most. Runs on the thread of `io`.
 class PayloadMemory {
 public:
     explicit PayloadMemory(asio::io_context& io) : timer(io) {}
@@ -20,7 +20,7 @@ public:
     std::string Copy(std::string_view bytes);
     /// Takes a copy back.
     void Release(std::string copy);
-    /// Gives back at once what it can, if there was a burst.
+    /// Gives unused memory back at once, if there was a burst.
     void Trim();
 
 private:

@@ -13,11 +13,12 @@
 
 namespace nox::tunnel_client {
 
-/// Payloads that wait to be written to one service, in order. One that can be written at once is written from where it
-/// arrived; the others are copied by KeepArrived.
+/// Payloads that wait to be written to one service, in order. One that can be written at once is written from
+/// where it arrived; the others are copied by KeepArrived.
 class PayloadQueue {
 public:
-    /// Twice as many as one batch from the tunnel brings, so that a long queue shrinks whatever the server sends.
+    /// Twice as many as one batch from the tunnel brings, so that a long queue shrinks whatever the server
+    /// sends.
     using Pieces = std::array<asio::const_buffer, 32>;
 
     /// @param payloadMemory not owned, outlives the queue
@@ -28,16 +29,17 @@ public:
 
     /// @param payload not empty, not copied: stays valid until KeepArrived
     void Append(std::string_view payload) { arrived.push_back(payload); }
-    /// Copies what has been appended and not been written.
+    /// Copies the payloads that have been appended and not been written.
     void KeepArrived();
 
     bool IsEmpty() const { return kept.empty() && arrived.empty(); }
     /// Whether payloads have been copied.
     bool HasKept() const { return !kept.empty(); }
-    /// One piece for each payload to be written next; the rest is empty. The queue is not empty.
+    /// One piece for each payload to be written next; the rest is empty. Requires a queue that is not empty.
     /// @param count of payloads at most
     Pieces Next(std::size_t count = SIZE_MAX) const;
-    /// `size` bytes of those have been written. Calls `onPayload` with the size of each payload that is complete now.
+    /// `size` bytes of those have been written. Calls `onPayload` with the size of each payload that is
+    /// complete now.
     void Remove(std::size_t size, const std::function<void(std::size_t)>& onPayload);
 
 private:
@@ -46,9 +48,11 @@ private:
 
     PayloadMemory& memory;
     std::deque<std::string> kept;
-    std::vector<std::string_view> arrived;  // behind those, and not written before they have been copied
-    std::size_t sentBytes = 0;              // of the first payload, as it lies here
-    std::size_t notKept = 0;                // of it, because they had been written before
+    // They follow the kept ones; while there are any of those, these are written only after they have been
+    // copied.
+    std::vector<std::string_view> arrived;
+    std::size_t sentBytes = 0;  // written of the first payload in the queue
+    std::size_t notKept = 0;    // its first bytes, which were written before the rest was copied
 };
 
 }  // namespace nox::tunnel_client

@@ -38,8 +38,8 @@ void ReadTurns::GiveTurns() {
     while (!waiting.empty() && line.FramesWaiting() == 0) GiveTurn(NextTurn());
 }
 
-// The kernel takes two frames after each wait, so one free turn alone does not make a fast line. Eight frames are for
-// a line that has taken eight others without a wait: a thousand busy sessions cost less then.
+// The kernel takes two frames after each wait, so one free turn alone does not make a fast line. Eight frames
+// are for a line that has taken eight others without a wait: a thousand busy sessions cost less then.
 int ReadTurns::NextTurn() {
     const bool hadToWait = std::exchange(waitsSeen, line.Waits()) != line.Waits();
     freeTurns = hadToWait ? 0 : std::min(freeTurns + 1, sharedFrames.size() - 1);
@@ -60,8 +60,8 @@ void ReadTurns::Watch(std::chrono::milliseconds delay) {
     timer.async_wait([this](std::error_code) { OnTimer(); });
 }
 
-// Those who wait read ahead one by one, with pauses between: after a short standstill only a few have, and the others'
-// frames do not wait behind all that a hundred can read ahead.
+// Those who wait read ahead one by one, with pauses between: after a short standstill only a few have, and
+// the others' frames do not wait behind all that a hundred can read ahead.
 void ReadTurns::OnTimer() {
     isWatching = false;
     if (waiting.empty()) return;
@@ -71,7 +71,8 @@ void ReadTurns::OnTimer() {
     Watch(isStalled ? firstStallLimit / 25 : stallLimit);
 }
 
-// If something leaves after all, the line had only paused: lines that do are common, with a handover or a long way.
+// If something leaves after all, the line had only paused: lines that do are common, with a handover or a
+// long way.
 bool ReadTurns::IsStalled() {
     if (!stalledAt || line.Departed() == *stalledAt) return stalledAt.has_value();
     stalledAt.reset();

@@ -12,16 +12,17 @@ namespace nox::tunnel_client {
 
 /// Lets sessions take turns at reading from their services while the tunnel is busy.
 ///
-/// A session that is alone may read ahead while its own frames wait to be written. When frames of another session wait,
-/// or another has read within the last five seconds, it takes its turn: it reads when the queue is empty, in the order
-/// of asking. So sessions together hold no more
-/// memory than one, and none waits for all that another could read ahead. On a line that has to be waited for a turn is
-/// one frame, so that the next session has its turn soon; on one that takes everything a turn is several frames,
-/// because each turn costs calls.
+/// A session that is alone may read ahead while its own frames wait to be written. When frames of another
+/// session wait, or another has read within the last five seconds, it takes its turn: it reads when the queue
+/// is empty, in the order of asking. So sessions together hold no more memory than one, and none waits for
+/// all that another could read ahead. On a line that has to be waited for a turn is one frame, so that the
+/// next session has its turn soon; on one that takes everything a turn is several frames, because each turn
+/// costs calls.
 ///
-/// A line on which nothing leaves the device stands still, which is noticed after one to two stall limits. Then waiting
-/// is of no use: every session may read, up to its own limit, and those that wait do so one after the other, until
-/// something leaves. A line that only pauses now and then is given more time after each mistake.
+/// A line on which nothing leaves the device stands still, which is noticed after one to two stall limits.
+/// Then waiting is of no use: every session may read, up to its own limit, and those that wait do so one
+/// after the other, until something leaves. A line that only pauses now and then is given more time after
+/// each mistake.
 ///
 /// Everything runs on the thread of `io`; the object lives as long as the loop runs.
 class ReadTurns {
@@ -38,7 +39,7 @@ public:
         virtual std::uint64_t Departed() const = 0;
     };
 
-    /// Whoever takes turns.
+    /// A session that takes turns.
     class Reader {
     public:
         virtual ~Reader() = default;
@@ -65,8 +66,9 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    static constexpr int aloneFrames = 8;                             // in a turn that nobody else waits for
-    static constexpr std::array<int, 5> sharedFrames{1, 1, 2, 4, 8};  // in others, by the free turns before
+    static constexpr int aloneFrames = 8;  // in a turn while nobody else waits
+    static constexpr std::array<int, 5> sharedFrames{
+        1, 1, 2, 4, 8};  // in other turns, by the number of free turns before
 
     bool IsFreeFor(const Reader& reader, int ownFrames) const;
     void NoteReader(const Reader& reader);
@@ -80,13 +82,13 @@ private:
     std::deque<Reader*> waiting;
     const Reader* lastReader = nullptr;  // who read last
     Clock::time_point sharedUntil{};     // for a while after another has read, nobody reads ahead
-    std::uint64_t waitsSeen = 0;         // of the line, by the last turn
-    std::size_t freeTurns = 0;  // in a row for which the line did not have to be waited for; 4 at most
-    asio::steady_timer timer;   // runs while readers wait
+    std::uint64_t waitsSeen = 0;         // the line's count at the last turn
+    std::size_t freeTurns = 0;           // turns in a row without a wait for the line; 4 at most
+    asio::steady_timer timer;            // runs while readers wait
     bool isWatching = false;
-    std::uint64_t watchedFrom = 0;  // what had departed when the timer was started
+    std::uint64_t watchedFrom = 0;  // bytes that had departed when the timer was started
     std::chrono::milliseconds firstStallLimit, stallLimit;
-    std::optional<std::uint64_t> stalledAt;  // what had departed when the line was found to stand still
+    std::optional<std::uint64_t> stalledAt;  // bytes that had departed when the line was found to stand still
 };
 
 }  // namespace nox::tunnel_client

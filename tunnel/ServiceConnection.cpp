@@ -24,8 +24,8 @@ void ServiceConnection::Connect() {
     std::error_code error;
     socket.open(service.protocol(), error);
     if (!error) socket.non_blocking(true, error);
-    // Otherwise the kernel lets it grow to megabytes, and a thousand busy sessions do not fit any cache. It has to be
-    // set before the connect, see tcp(7). Without the option everything still works.
+    // Otherwise the kernel lets it grow to megabytes, and a thousand busy sessions do not fit any cache. It
+    // has to be set before the connect, see tcp(7). Without the option everything still works.
     std::error_code ignored;
     socket.set_option(asio::socket_base::receive_buffer_size(maxKernelBytes), ignored);
     if (!error) return socket.async_connect(service, Weakly(&ServiceConnection::OnConnected));
@@ -40,8 +40,8 @@ void ServiceConnection::OnConnected(std::error_code error) {
         owner->ServiceConnectionFailed(params.sessionId);
         return Stop();
     }
-    // Small replies must not wait for an acknowledgement of the piece before. Without the option everything still
-    // works.
+    // Small replies must not wait for an acknowledgement of the piece before. Without the option everything
+    // still works.
     std::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
     asio::post(ioContext, Weakly(&ServiceConnection::ListenToService));
@@ -82,8 +82,8 @@ void ServiceConnection::ReadInTurn(int frames) {
     if (std::exchange(waitsForTurn, false)) ReadService(frames);
 }
 
-// A busy service is read several frames at a time, as if by one read after the other, and never past the pause. After a
-// failed write it is one frame: the read that was under way.
+// A busy service is read several frames at a time, as if by one read after the other, and never past the
+// pause. After a failed write it is one frame: the read that was under way.
 void ServiceConnection::ReadService(int frames) {
     std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: only what has been read is used
     int left = state == State::Failed ? 1 : std::min(frames, uploads.Room());
@@ -164,10 +164,11 @@ void ServiceConnection::SendAsync() {
     if (state != State::Failed) WriteQueue();
 }
 
-// A payload once begun is written to its end, even if the service has ended its own half meanwhile; no other is.
+// A payload once begun is written to its end, even if the service has ended its own half meanwhile; no other
+// is.
 void ServiceConnection::WriteQueue() {
-    // While the connect is under way the write waits behind it. It must not be tried: a socket reports only once why
-    // its connect failed.
+    // While the connect is under way the write waits behind it. It must not be tried: a socket reports only
+    // once why its connect failed.
     if (state == State::Connecting) return WaitForRoom();
     const PayloadQueue::Pieces pieces = queue.Next(state == State::Failed ? 1 : SIZE_MAX);
     std::error_code error;
@@ -216,8 +217,8 @@ void ServiceConnection::Stop() {
     Wait(delays.sessionClose, &ServiceConnection::OnCloseDelayOver);
 }
 
-// Once, because behind many others its turn might come after its socket has been closed. From then on it takes its
-// turns as before: it must not keep the others waiting with a service that goes on sending.
+// Once, because behind many others its turn might come after its socket has been closed. From then on it
+// takes its turns as before: it must not keep the others waiting with a service that goes on sending.
 void ServiceConnection::ReadWhatHasArrived() {
     owner->Turns().Leave(*this);
     ReadInTurn(ReadTurns::allFrames);

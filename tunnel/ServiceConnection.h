@@ -24,14 +24,14 @@ struct SessionParams {
 
 /// Bridges one tunnel session to one local TCP service.
 ///
-///   Connect   -> OnConnected -> ListenToService -> OnReadable (-> ReadInTurn) -> ReadService -> ListenToService ...
+///   Connect   -> OnConnected -> ListenToService -> OnReadable (-> ReadInTurn) -> ReadService -> ...
 ///                               (pauses at too many uploads until UploadFinished)
 ///   QueueData -> SendArrived -> SendAsync <-> OnWritable
 ///   Stop      -> OnCloseDelayOver -> OnRemovalDelayOver      (traffic goes on until the socket is closed)
 ///
-/// Both directions run independently; one read and one write are under way at most. Made with make_shared. Whoever
-/// lets go of it before the shutdown is over closes its socket at once, and operations that were under way do
-/// nothing. Everything runs on the thread of `io`.
+/// Both directions run independently; one read and one write are under way at most. Made with make_shared.
+/// Whoever lets go of it before the shutdown is over closes its socket at once, and operations that were
+/// under way do nothing. Everything runs on the thread of `io`.
 class ServiceConnection : public ReadTurns::Reader, public std::enable_shared_from_this<ServiceConnection> {
 public:
     static constexpr std::size_t maxReadBytes = 16384;  ///< from the service, in one frame
@@ -49,11 +49,11 @@ public:
     /// @throws std::system_error when the host is not a numeric address: names are never looked up
     void Connect();
 
-    /// Bytes for the service, written in the order of the calls. Not bounded: the tunnel has no way to slow the
-    /// server down for one session. Dropped without a log line once the connection has failed.
+    /// Bytes for the service, written in the order of the calls. Not bounded: the tunnel has no way to slow
+    /// the server down for one session. Dropped without a log line once the connection has failed.
     /// @param payload not empty, not copied: stays valid until SendArrived
     void QueueData(std::string_view payload);
-    /// Writes what has been queued, and copies what the service does not take at once.
+    /// Writes the queued payloads, and copies the bytes that the service does not take at once.
     void SendArrived();
 
     /// The turn to read that it asked for.

@@ -8,12 +8,13 @@
 
 namespace nox::tunnel_client {
 
-/// What a ServiceConnection needs of the tunnel that it belongs to. All calls come from the event loop's thread. A
-/// session id passed here is that of the connection that calls.
+/// The tunnel, as the ServiceConnections of its sessions use it. All calls come from the event loop's
+/// thread. A session id passed here is that of the connection that calls.
 class SessionOwner {
 public:
     virtual ~SessionOwner() = default;
-    /// Bytes read from the local service, as a data frame for the server. The payload is a copy made by Memory.
+    /// Bytes read from the local service, as a data frame for the server. The payload is a copy made by
+    /// Memory.
     virtual void QueueMessage(TunnelMessage message) = 0;
     /// The connection to the local service could not be made.
     virtual void ServiceConnectionFailed(const std::string& sessionId) = 0;

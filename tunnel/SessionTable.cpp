@@ -16,8 +16,8 @@ SessionTable::SessionTable(asio::io_context& io, const std::string& secret, Fram
       memory(io),
       turns(io, frameWriter, fixedDelays.stall) {}
 
-// "connected-session" is sent before the service has been tried; a service that refuses is reported afterwards. An id
-// that is in use gets a new connection: the old one closes without a message.
+// "connected-session" is sent before the service has been tried; a service that refuses is reported
+// afterwards. An id that is in use gets a new connection: the old one closes without a message.
 void SessionTable::OpenSession(const SessionParams& params) {
     const std::string& id = params.sessionId;
     LogWrite("TunnelClient", 305, logDebug, "New session (%s) to port %d", id.c_str(), params.localPort);
@@ -64,8 +64,8 @@ void SessionTable::SendArrived() {
     reached.clear();
 }
 
-// By the id on the wire, whichever session has it now: a session with another length of id is never told, and pauses
-// for good after its first frames.
+// By the id on the wire, whichever session has it now: a session with another length of id is never told, and
+// pauses for good after its first frames.
 void SessionTable::UploadFinished(TunnelMessage& frame) {
     const auto session = sessions.find(frame.SessionId());
     if (session != sessions.end()) {

@@ -17,8 +17,8 @@
 
 namespace nox::tunnel_client {
 
-/// The sessions of one tunnel connection, by id: opens and ends them, hands them the data that the server sends, and
-/// queues what they have for the server. Everything runs on the thread of `io`.
+/// The sessions of one tunnel connection, by id: opens and ends them, hands them the data that the server
+/// sends, and queues what they have for the server. Everything runs on the thread of `io`.
 class SessionTable : SessionOwner {
 public:
     /// @param secret, frameWriter, fixedDelays not owned, outlive the table
@@ -29,13 +29,13 @@ public:
     /// @throws std::system_error when it is not; the session is in the table then
     void OpenSession(const SessionParams& session);
     void EndSession(const std::string& sessionId);
-    /// Stops all sessions, in the order of their ids, and later those that are still opened. They leave the table by
-    /// themselves.
+    /// Stops all sessions, in the order of their ids, and later those that are still opened. They leave the
+    /// table by themselves.
     void StopAll();
 
     /// A data frame from the server. @param payload not empty, not copied: stays valid until SendArrived
     void Deliver(std::string_view sessionId, std::string_view payload);
-    /// Writes to the services what has been delivered since the last call, or copies it.
+    /// Writes the payloads that were delivered since the last call to their services, or copies them.
     void SendArrived();
     /// A data frame to the server has been written. Moves its payload out.
     void UploadFinished(TunnelMessage& frame);

@@ -26,8 +26,8 @@ void TunnelClient::ServeConnection() {
     asio::io_context ioContext(1);  // one thread runs it; the resolver's own thread only posts to it
     TunnelConnection connection(ioContext, config, delays);
     connection.Connect();
-    // The kernel may refuse to watch the descriptor by which the resolver's thread wakes this one, and asio does not
-    // report that. Nothing else comes from another thread.
+    // The kernel may refuse to watch the descriptor by which the resolver's thread wakes this one, and asio
+    // does not report that. Nothing else comes from another thread.
     while (connection.IsResolving()) ioContext.run_one_for(glance);
     ioContext.run();
 }

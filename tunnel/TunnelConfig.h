@@ -5,7 +5,7 @@
 
 namespace nox::tunnel_client {
 
-/// What the tunnel needs to know. Timers come from the configuration, everything else from each registration.
+/// Settings of the tunnel. Timers come from the configuration, everything else from each registration.
 struct TunnelConfig {
     std::string username;
     std::string password;  ///< also the secret that signs control messages

@@ -46,9 +46,10 @@ void TunnelConnection::OnConnected(std::error_code error, const tcp::endpoint&) 
     asio::post(ioContext, Handler(&TunnelConnection::ListenToTunnelServer));
 }
 
-// Without these options everything still works, so their failure is no error. A small frame must not wait for the
-// acknowledgement of the one before. And on a slow uplink the kernel would take megabytes of an upload, which takes
-// the line seconds to send, while every other session has to wait; so it gets little more than it can send.
+// Without these options everything still works, so their failure is no error. A small frame must not wait for
+// the acknowledgement of the one before. And on a slow uplink the kernel would take megabytes of an upload,
+// which takes the line seconds to send, while every other session has to wait; so it gets little more than it
+// can send.
 void TunnelConnection::TuneSocket() {
     std::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
@@ -87,8 +88,8 @@ bool TunnelConnection::HandleMessage(const FrameHeader& header, std::string_view
     return state != State::Stopping;
 }
 
-// A message that cannot be read is dropped; the connection goes on. Only the JSON library's own errors count as that:
-// those of a new session's port and address end the run.
+// A message that cannot be read is dropped; the connection goes on. Only the JSON library's own errors count
+// as that: those of a new session's port and address end the run.
 void TunnelConnection::HandleControlMessage(const std::string& text) {
     try {
         const ServerMessage message(text);
@@ -153,8 +154,8 @@ void TunnelConnection::OnHeartbeatTimer(std::error_code error) {
 
 // ---- The end
 
-// Sending goes on until the socket closes, so that the ends of sessions still reach the server. The sessions leave the
-// table by themselves.
+// Sending goes on until the socket closes, so that the ends of sessions still reach the server. The sessions
+// leave the table by themselves.
 void TunnelConnection::Stop() {
     if (state == State::Stopping) return;
     state = State::Stopping;

@@ -20,8 +20,9 @@ namespace nox::tunnel_client {
 ///                               |-- SendHeartbeat <-> OnHeartbeatTimer (once a good signature has arrived)
 ///                               '-- Stop -> OnCloseDelayOver
 ///
-/// It is over when the event loop runs out of work: its reads have failed, its timers have expired, and its sessions
-/// have left. Everything runs on the loop's thread; the loop must not run any more once this object is gone.
+/// It is over when the event loop runs out of work: its reads have failed, its timers have expired, and its
+/// sessions have left. Everything runs on the loop's thread; the loop must not run any more once this object
+/// is gone.
 class TunnelConnection : FrameReader::Owner, FrameWriter::Owner {
 public:
     /// @param io, tunnelConfig, fixedDelays not owned, outlive the connection

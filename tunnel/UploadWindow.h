@@ -2,8 +2,8 @@
 
 namespace nox::tunnel_client {
 
-/// Counts one session's frames that wait to be written to the tunnel, and decides when the session pauses reading
-/// from its service and when it goes on.
+/// Counts one session's frames that wait to be written to the tunnel, and decides when the session pauses
+/// reading from its service and when it goes on.
 ///
 /// The count falls below zero when frames are reported that an earlier session with the same id has queued.
 class UploadWindow {

@@ -1,4 +1,4 @@
-// Loads that move as much as they can, and the plain round trips and sessions.
+// Loads that move as many bytes as they can, round trips, and sessions.
 
 #include <algorithm>
 #include <cstdio>
@@ -13,7 +13,7 @@ namespace load {
 
 namespace {
 
-constexpr std::chrono::seconds settling{1};  // until the buffers of a stream are full
+constexpr std::chrono::seconds settling{1};  // time in which a stream's buffers fill
 
 std::string RandomBytes(std::size_t count) {
     std::mt19937 random(std::random_device{}());

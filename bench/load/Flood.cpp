@@ -23,21 +23,19 @@ Flood::~Flood() {
 }
 
 void Flood::Read(tcp::socket& socket) {
-    socket.async_read_some(asio::buffer(nobodyLooks),
-                           [this, &socket](std::error_code error, std::size_t size) {
-                               if (error) return;
-                               received += size;
-                               Read(socket);
-                           });
+    socket.async_read_some(asio::buffer(unused), [this, &socket](std::error_code error, std::size_t size) {
+        if (error) return;
+        received += size;
+        Read(socket);
+    });
 }
 
 void Flood::Write(tcp::socket& socket) {
-    socket.async_write_some(asio::buffer(nobodyLooks),
-                            [this, &socket](std::error_code error, std::size_t size) {
-                                if (error) return;
-                                sent += size;
-                                Write(socket);
-                            });
+    socket.async_write_some(asio::buffer(unused), [this, &socket](std::error_code error, std::size_t size) {
+        if (error) return;
+        sent += size;
+        Write(socket);
+    });
 }
 
 void Flood::WaitUntilReceived(std::uint64_t bytes) const {

@@ -22,7 +22,7 @@ public:
     Flood(const Flood&) = delete;
     Flood& operator=(const Flood&) = delete;
 
-    /// By all together.
+    /// Bytes of all clients together.
     std::uint64_t Received() const { return received; }
     std::uint64_t Sent() const { return sent; }
     /// @throws std::runtime_error when nothing more comes
@@ -34,7 +34,7 @@ private:
     void Write(tcp::socket& socket);
 
     asio::io_context io{1};
-    std::string nobodyLooks = std::string(chunkBytes, '.');  // one for all clients
+    std::string unused = std::string(chunkBytes, '.');  // payload, the same for all clients
     std::vector<tcp::socket> sockets;
     std::atomic<std::uint64_t> received{0}, sent{0};
     std::thread thread;

@@ -16,8 +16,8 @@ void Bulk(std::size_t bytes, const Words& words);
 /// both SECONDS STREAMS: each session moves as much as it can both ways at once.
 void Both(std::size_t seconds, const Words& words);
 
-/// roundtrip TIMES whole|request|both [up|down]: 64 bytes each way, one after the other; the request in two
-/// writes, or both it and the reply; beside a stream that is as busy as it can be.
+/// roundtrip TIMES whole|request|both [up|down]: 64 bytes each way, one after the other. With "request" the
+/// request is written in two pieces, with "both" the reply, too. [up|down]: beside a stream in that direction.
 void RoundTrip(std::size_t times, const Words& words);
 
 /// sessions TIMES: opened, one byte there and back, closed, one after the other.

@@ -1,6 +1,5 @@
-// Loads that show whether a session gets its share of a slow line, and how soon what others have left behind
-// is gone. A line is as good as a server that reads slowly: the agent sees either as a tunnel that takes
-// little.
+// Loads that show whether a session gets its share of a slow line, and how soon the frames of others that
+// have ended are gone. For the agent a slow line and a server that reads slowly are the same.
 
 #include <algorithm>
 #include <cstdio>
@@ -15,7 +14,7 @@ namespace load {
 namespace {
 
 constexpr std::chrono::seconds settling{2};   // until an upload's buffers are full
-constexpr std::chrono::seconds aftermath{6};  // in which what a client left behind comes to light
+constexpr std::chrono::seconds aftermath{6};  // how long the effects of a client's end are watched
 
 double RoundTripMillis(tcp::socket& socket) {
     bench::Request reply;

@@ -1,6 +1,6 @@
 // The client of all measurements: one kind of load on a local port, its figures printed as one JSON object.
-// It says "ready" when its sessions stand and starts when it reads a line, so that what is measured around it
-// begins there. Usage: bench-load PORT KIND NUMBER [WORD]..., see Kinds.h.
+// It prints "ready" when its sessions are open, and starts when it reads a line, so that whoever measures
+// around it can begin there. Usage: bench-load PORT KIND NUMBER [WORD]..., see Kinds.h.
 
 #include <cstdio>
 #include <cstdlib>
@@ -31,5 +31,5 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fflush(stdout);
-    std::_Exit(0);  // a stream beside may still be at work
+    std::_Exit(0);  // the thread of a stream beside it may still be running
 }
