@@ -1,4 +1,4 @@
-"""The measurements, each of one forwarder that stands: a generator of the values of one step, by figure.
+"""The measurements, each of one running forwarder: a generator of the values of one step, by figure.
 
 A figure's name goes from the general to the special: kind, direction, number of streams, unit. A figure that
 depends on the moment is measured several times, and yielded as often.
@@ -137,14 +137,14 @@ def roundtrip(forwarder, quick):
 
 
 def line(forwarder, quick):
-    """On a forwarder that stands with the slow line."""
+    """On a forwarder with the slow line."""
     yield from round_trips(forwarder, "line", 15 if quick else 60, ["whole", "request", "both"])
     yield from round_trips(forwarder, "line", 15 if quick else 40, ["whole up", "request up", "both up"])
 
 
 def fair(forwarder, quick):
-    """On a forwarder with the slow line: the share that busy sessions leave to others. ssh is measured beside eight
-    only, because the one goal about it is."""
+    """On a forwarder with the slow line: the share that busy sessions leave to others. ssh is measured beside
+    eight only, because the one goal about it is."""
     quiet_from = 0.0  # when the frames of the load before have gone
     for uploads in (8,) if forwarder.name == "ssh" else (8, 64) if quick else (1, 8, 64):
         closes = {1: 0, 8: 4, 64: 3}[uploads]
@@ -178,7 +178,7 @@ def sessions(forwarder, quick):
 
 
 def memory(forwarder, quick):
-    """On a forwarder without a past: KiB of memory that is the device process's own."""
+    """On a fresh forwarder: KiB of memory that is the device process's own."""
     if not forwarder.device:
         return
     yield {"memory 0 KiB": own_memory(forwarder)}
@@ -196,8 +196,8 @@ def own_memory(forwarder):
 
 
 def queued(forwarder, _):
-    """On a fresh forwarder. Every payload is a frame of its own; otherwise the figure would be for several. There are
-    so many that one large payload, on its way at the moment of measuring, makes little difference."""
+    """On a fresh forwarder. Every payload is a frame of its own; otherwise the figure would be for several. There
+    are so many that one large payload, on its way at the moment of measuring, makes little difference."""
     count = 2000
     with Load(forwarder, "queued", count, 20) as run:
         before = own_memory(forwarder)
@@ -208,7 +208,7 @@ def queued(forwarder, _):
 
 
 def drained(forwarder, _):
-    """On a forwarder without a past, whose server stands still for a while in the middle of the uploads."""
+    """On a fresh forwarder, whose server stands still for a while in the middle of the uploads."""
     with Load(forwarder, "drained", 300, 4 * MIB) as run:
         forwarder.lab.signal(signal.SIGSTOP)
         time.sleep(3)

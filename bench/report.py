@@ -38,8 +38,8 @@ def add_derived(values):
 def describe(result):
     machine = result["machine"]
     return (f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}, "
-            f"load {machine['load']:.1f} at the end of the run; {result['rounds']} rounds{QUICK if result['quick'] else ''}. "
-            "Median (least - greatest)." + "".join(f"\n- failed: {failure}" for failure in result["failures"]))
+            f"load {machine['load']:.1f} at the end of the run; {result['rounds']} rounds"
+            f"{QUICK if result['quick'] else ''}. Median (least - greatest)." + "".join(f"\n- failed: {failure}" for failure in result["failures"]))
 
 
 # ---- Tables
@@ -171,7 +171,8 @@ def plot_all(figures, folder):
         bars(figures, folder, "line", "round trip on the slow line, median, us",
              {kind + way: f"line {kind}{way} p50 us" for way in ("", " up") for kind in kinds}),
         *(lines(figures, folder, "streams-" + way, f"CPU seconds per GiB {way}, device's side",
-                "sessions, all active", {count: f"bulk {way} {count} CPU s/GiB" for count in STREAMS}) for way in ("up", "down")),
+                "sessions, all active", {count: f"bulk {way} {count} CPU s/GiB" for count in STREAMS})
+          for way in ("up", "down")),
     ]
     return [name for name in names if name]
 

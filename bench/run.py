@@ -18,9 +18,9 @@ import report
 
 AGENTS = (kinds.Agent, kinds.Before)
 WITH_FLOOR = (*AGENTS, kinds.Floor)
-WITHOUT_A_PAST = ("memory", "queued", "drained")  # wanted by these
+NEEDS_FRESH = ("memory", "queued", "drained")  # processes
 
-# Name, how the forwarder must stand for it, which forwarders can, and how many times in a round, with new
+# Name, how the forwarder is set up for it, which forwarders can, and how many times in a round, with new
 # processes each time: some figures depend on where a process's memory happens to lie.
 MEASURES = {
     "bulk": ({}, lambda kind: True, 3),
@@ -126,8 +126,8 @@ def one_measure(options, folder, port, figures, measure):
 
 
 def in_turns(generators):
-    """Pairs of a name and the next value of its generator, or the exception that ended it. All take turns step by step,
-    in random order, so that a slow minute of the machine falls on all of them."""
+    """Pairs of a name and the next value of its generator, or the exception that ended it. All take turns step by
+    step, in random order, so that a slow minute of the machine falls on all of them."""
     while generators:
         for name in random.sample(list(generators), len(generators)):
             try:
@@ -140,13 +140,13 @@ def in_turns(generators):
 
 
 def figures_of(name, measure, manner, options, folder, port):
-    """The measurement's steps, on a forwarder that stands as long as this generator lives."""
+    """The measurement's steps, on a forwarder that runs as long as this generator lives."""
     with tempfile.TemporaryDirectory(dir=folder) as own:
         with kinds.FORWARDERS[name](options.tools, own, port, **manner) as forwarder:
-            if measure not in WITHOUT_A_PAST:
+            if measure not in NEEDS_FRESH:
                 measures.prove(forwarder)
             yield from getattr(measures, measure)(forwarder, options.quick)
-            if measure in WITHOUT_A_PAST:
+            if measure in NEEDS_FRESH:
                 measures.prove(forwarder)
 
 
@@ -184,8 +184,8 @@ def measure_heartbeats(options, folder, port, figures):
 
 
 def measure_parts(options, parts):
-    """Nanoseconds of each small part. One follows the other, so a slow minute of the machine falls on some of them,
-    and on others in the next round."""
+    """Nanoseconds of each small part. One follows the other, so a slow minute of the machine falls on some of
+    them, and on others in the next round."""
     command = [options.tools + "/bench-parts", "--benchmark_format=json", "--benchmark_repetitions=3",
                "--benchmark_min_time=" + ("0.05" if options.quick else "0.2")]
     text = subprocess.run(
