@@ -7,6 +7,9 @@
 ///
 /// A line reads "01:11:49.123 [TunnelClient:50] Tunnel reconnecting...": an optional time stamp, the source
 /// and the number of the call, the message. Source and number are an interface: tools search for them.
+///
+/// The agent only starts the log and writes lines; changing the level, limiting and rotating files, and
+/// stopping belong to the logger's promise to other programs that use it.
 namespace nox::tunnel_client {
 
 /// A line is written when its level is at or below the threshold; threshold 0 writes nothing.
