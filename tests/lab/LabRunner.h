@@ -16,6 +16,10 @@
 
 namespace lab {
 
+using support::Connection;
+using support::Frame;
+using support::SsoReply;
+
 /// A lab on a thread of its own; keeps what it tells.
 class LabRunner {
 public:

@@ -11,6 +11,7 @@
 
 namespace lab {
 
+using support::Connection;
 using support::Process;
 
 TEST(ProgramTest, RefusesABadCommandLineWithAMessage) {

@@ -4,7 +4,7 @@
 
 #include "tests/support/ScriptedServer.h"
 
-namespace lab {
+namespace support {
 
 TEST(ScriptedServerTest, FinishTellsWhatFailedFirst) {
     ScriptedServer server(
@@ -14,4 +14,4 @@ TEST(ScriptedServerTest, FinishTellsWhatFailedFirst) {
     EXPECT_THROW(server.Finish(), std::system_error);
 }
 
-}  // namespace lab
+}  // namespace support
