@@ -9,17 +9,13 @@
 #
 # The build stays in build/NAME. The exit status is 0 when every test passed.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/test.sh; }
-refuse() { echo "test.sh: $1, see --help" >&2; exit 2; }
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 preset=debug
 folders=()
 while (($# > 0)); do
     case $1 in
-        -h | --help) usage; exit 0 ;;
         --preset)
             (($# > 1)) || refuse "--preset wants a name"
             preset=$2
