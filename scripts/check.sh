@@ -1,17 +1,16 @@
 #!/usr/bin/env bash
-# Looks at the sources without running them. Installs what is missing first.
+# Checks the sources without running them. Installs missing packages first.
 #
 # Usage: scripts/check.sh [format|shell|tidy|tidy-tests]...
-#   format  every C++ file is formatted as .clang-format says
-#   shell   shellcheck has nothing to say about the scripts
-#   tidy    clang-tidy has nothing to say about what build/debug compiles, the tests apart
-#   tidy-tests  nor about the tests; this takes the longest
-#   Without any, all of them.
+#   format      every C++ file is formatted as .clang-format says
+#   shell       shellcheck finds nothing in the scripts
+#   tidy        clang-tidy finds nothing in the sources that build/debug compiles, without the tests
+#   tidy-tests  clang-tidy finds nothing in the tests; this takes the longest
+#
+# Without arguments it makes all four checks. The exit status is 0 when every check that ran found nothing.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/check.sh; }
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 format() {
     git ls-files -z '*.h' '*.cpp' | xargs --null --no-run-if-empty clang-format-14 --dry-run --Werror
@@ -21,13 +20,15 @@ shell() {
     { git ls-files -z 'scripts/*.sh' 'packaging/*.sh'; printf '.ci/run\0'; } | xargs --null shellcheck
 }
 
-# Every unit that build/debug compiles but asio's own, which is not ours to judge.
+# Prints the sources that build/debug compiles, without the one that only compiles asio.
 units() {
     [[ -e build/debug/compile_commands.json ]] || cmake --preset debug >&2
-    sed --quiet "s|^ *\"file\": \"$PWD/\(.*\)\".*|\1|p" build/debug/compile_commands.json | grep --invert-match '^cmake/'
+    local file
+    sed --quiet 's|^ *"file": "\(.*\)".*|\1|p' build/debug/compile_commands.json |
+        while read -r file; do printf '%s\n' "${file#"$PWD"/}"; done | grep --invert-match '^cmake/'
 }
 
-# How much clang-tidy saw in the system's headers is no news.
+# Drops clang-tidy's counts of warnings in the system's headers.
 clang_tidy() {
     xargs --no-run-if-empty --max-args=1 --max-procs="$(nproc)" clang-tidy-14 --quiet -p build/debug 2>&1 |
         sed '/^[0-9]* warnings\{0,1\} generated\.$/d'
@@ -39,9 +40,8 @@ tidy_tests() { units | grep '^tests/' | clang_tidy; }
 
 for job in "$@"; do
     case $job in
-        -h | --help) usage; exit 0 ;;
         format | shell | tidy | tidy-tests) ;;
-        *) echo "check.sh: unknown check '$job', see --help" >&2; exit 2 ;;
+        *) refuse "unknown check '$job'" ;;
     esac
 done
 (($# > 0)) || set -- format shell tidy tidy-tests

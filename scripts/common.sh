@@ -1,6 +1,7 @@
 # shellcheck shell=bash
-# What every script in this folder begins with. It is sourced with the script's own arguments: it stops the script at the
-# first command that fails, goes to the root of the checkout, and answers --help with the comment at the script's head.
+# What every script in this folder begins with. It is sourced with the script's own arguments: it stops the
+# script at the first command that fails, goes to the root of the checkout, and answers --help with the
+# comment at the script's head.
 
 set -euo pipefail
 

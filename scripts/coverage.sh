@@ -1,24 +1,21 @@
 #!/usr/bin/env bash
-# Says how much of the agent its tests run through, by subsystem: lines, and branches other than those that the compiler
-# adds for exceptions. Installs what is missing first.
+# Reports how much of the agent its tests run, for each subsystem: lines, and branches without those that the
+# compiler adds for exceptions. Installs missing packages first.
 #
 # Usage: scripts/coverage.sh [--missing]
-#   --missing  also lists the lines that no test runs through, file by file
+#   --missing  also lists the lines that no test runs, file by file
 #
-# The build stays in build/coverage. The exit status is 1 when a test fails, or when the tests run through less than
-# 97% of the lines or 90% of the branches. What runs in a process that its test kills does not count.
+# The build stays in build/coverage. The exit status is 1 when a test fails, or when the tests run less than
+# 97% of the lines or 90% of the branches. A process that its test kills contributes nothing.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/coverage.sh; }
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 missing=false
 for argument in "$@"; do
     case $argument in
-        -h | --help) usage; exit 0 ;;
         --missing) missing=true ;;
-        *) echo "coverage.sh: unknown option '$argument', see --help" >&2; exit 2 ;;
+        *) refuse "unknown option '$argument'" ;;
     esac
 done
 
@@ -34,8 +31,9 @@ for folder in "${tests[@]}"; do
     ctest --test-dir "$build/tests/$folder" --output-on-failure --parallel 4 --timeout 120
 done
 
-# Lines are gcovr's. Branches are taken from gcov itself: gcovr also counts those inside the clean-up that the compiler
-# writes for exceptions. A branch counts when its condition was ever looked at, or its line never ran at all.
+# gcovr counts the lines. gcov itself counts the branches, because gcovr also counts those inside the clean-up
+# that the compiler writes for exceptions. A branch counts when its condition was evaluated at least once, or
+# when its line never ran.
 gcovr --root . "${subsystems[@]/#/--filter=}" --exclude-throw-branches --exclude-unreachable-branches \
     --json "$build/coverage.json" "${subsystems[@]/#/$build/}" "$build/tests"
 if $missing; then gcovr --root . --add-tracefile "$build/coverage.json"; fi
@@ -48,7 +46,8 @@ for subsystem in "${subsystems[@]}"; do
         gcov --branch-probabilities --branch-counts --preserve-paths {} +)
 done >/dev/null
 
-# gcovr puts a new file in the place of its output: for root, /dev/null too.
+# The output is a file because gcovr replaces its output by a new file; run by root it would replace
+# /dev/null.
 line_figures() { # subsystem, lines, lines run
     for subsystem in "${subsystems[@]}"; do
         gcovr --root . --add-tracefile "$build/coverage.json" --filter "$subsystem/" --print-summary \

@@ -1,24 +1,22 @@
 #!/usr/bin/env bash
-# Shows a working tunnel on this machine: builds agent and lab, starts the lab (the cloud), the agent (the device) and
-# a real web server (the device's service), and fetches a file from the web server through the tunnel.
+# Shows a working tunnel on this machine. Builds agent and lab, starts the lab (the cloud), the agent (the
+# device) and a real web server (the device's service), and fetches a file from the web server through the
+# tunnel. Installs missing packages first.
 #
 # Usage: scripts/demo.sh [--once]
-#   --once  end after the first proof, with status 0 when the file arrived as it was, else 1
+#   --once  end after the file has been fetched; the exit status is 0 when it arrived unchanged, otherwise 1
 #
-# Without --once it then runs on, for you to try the tunnel by hand, until Ctrl-C. Installs what is missing first.
-# Everything stays on the loopback interface; nothing is left behind but the build in build/release.
+# Without --once the tunnel stays open until Ctrl-C, so that you can try it by hand. Everything stays on the
+# loopback interface. At the end all processes are stopped and all temporary files deleted; only build/ stays.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/demo.sh; }
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 once=false
 for option in "$@"; do
     case $option in
-        -h | --help) usage; exit 0 ;;
         --once) once=true ;;
-        *) echo "demo.sh: unknown option '$option', see --help" >&2; exit 2 ;;
+        *) refuse "unknown option '$option'" ;;
     esac
 done
 
@@ -32,7 +30,7 @@ build() {
     cmake --build --preset release --target tunnel-client tunnel-lab
 }
 
-# --- processes: each is ours, known by its pid, with its output in a file -------------------------------------------
+# --- processes: the script started each of them, knows its pid, and collects its output in a file ---
 
 declare -A pids=()
 
@@ -54,20 +52,21 @@ fail_if_one_ended() {
     done
 }
 
-# wait_until SECONDS WHAT COMMAND...: until COMMAND succeeds; fails when one of the processes ends or the time is up
+# wait_until SECONDS EVENT COMMAND...: waits until COMMAND succeeds; fails when a process ends or the time is
+# up
 wait_until() {
-    local deadline=$((SECONDS + $1)) what=$2
+    local deadline=$((SECONDS + $1)) event=$2
     shift 2
     until "$@"; do
         fail_if_one_ended
-        ((SECONDS < deadline)) || fail "no $what in time"
+        ((SECONDS < deadline)) || fail "no $event in time"
         sleep 0.1
     done
 }
 
 logged() { grep --quiet --extended-regexp "$2" "$work/$1.log"; }
 
-# Asks nicely, gives them a few seconds, then insists.
+# Sends SIGTERM, and SIGKILL to the processes that still run after five seconds.
 stop_all() {
     ((${#pids[@]} > 0)) || return 0
     kill "${pids[@]}" 2>/dev/null || true
@@ -78,6 +77,7 @@ stop_all() {
             sleep 0.1
         done
     done
+    pids=()
 }
 
 show_logs() {
@@ -89,20 +89,22 @@ show_logs() {
     done >&2
 }
 
+# Runs at every end of the script, that by a signal included. A second Ctrl-C does not disturb it.
 clean_up() {
     local status=$?
     trap - EXIT
     trap '' INT TERM HUP
     if ((status != 0 && status < 128)); then show_logs; fi
     stop_all
-    rm -rf "$work"
+    [[ -z $work ]] || rm -rf "$work"
+    printf '\ndemo: over. Its processes have ended and its temporary files are deleted; only build/ stays.\n'
     exit "$status"
 }
 
-# --- the demonstration ----------------------------------------------------------------------------------------------
+# --- the demonstration ---
 
-# The device's service: busybox httpd, because it is one small package that installs no system service, runs in the
-# foreground as anybody, and sends files with sendfile.
+# The device's service is busybox httpd, because that is one small package that installs no system service,
+# needs no privileges, and stays in the foreground.
 start_web_server() {
     mkdir "$work/www"
     head -c 64M /dev/urandom >"$work/www/random.bin"
@@ -113,11 +115,12 @@ start_web_server() {
     say "busybox httpd listens on 127.0.0.1:$web_port, with random.bin of 64 MiB"
 }
 
-# The kernel chose the port and the server does not tell: its listening socket does.
+# The kernel chose the port and the server does not print it, so look up the server's listening socket.
 find_web_port() {
     local inode
     for inode in $(readlink /proc/"${pids[web]}"/fd/* | sed --quiet 's/^socket:\[\([0-9]*\)\]$/\1/p'); do
-        # A row of that table: the local address as hex IP:port is column 2, state 0A is listening, column 10 the inode.
+        # In that table, column 2 is the local address as hex IP:port, column 4 the state (0A is listening),
+        # and column 10 the inode.
         web_port=$(awk -v inode="$inode" '$10 == inode && $4 == "0A" { sub(".*:", "", $2); print $2 }' /proc/net/tcp)
         [[ -z $web_port ]] || { web_port=$((16#$web_port)); return 0; }
     done
@@ -132,7 +135,8 @@ start_lab() {
     sed --quiet '/^\(sso\|api\|tunnel\) /s/^/      /p' "$work/lab.log"
 }
 
-# Only ever run by start, whose background shell it turns into the agent: the pid stays the same.
+# Only start runs this. exec turns its background shell into the agent, which thereby has the pid that start
+# noted.
 run_agent() {
     set -o allexport
     # shellcheck source=/dev/null
@@ -155,7 +159,7 @@ agent_memory() {
 
 digest() { sha256sum <"$1" | cut -d ' ' -f 1; }
 
-# fetch URL FILE: prints size and seconds of each transfer
+# fetch URL FILE: prints the size and the seconds of each transfer
 fetch() {
     curl --fail --silent --show-error --max-time 120 --output "$2" --write-out '%{size_download} %{time_total}\n' "$1" ||
         fail "the file could not be fetched through the tunnel"
@@ -172,7 +176,7 @@ fetch_and_compare() {
     [[ $sent == "$received" ]] || fail "the file is not what the device has"
 }
 
-# Several times, and into nothing: one file is soon through, and writing it to disk takes longer than the tunnel.
+# One file would be too short to measure, and writing it to disk would take longer than the tunnel does.
 measure() {
     fetch "http://$tunnel_address/random.bin?[1-8]" /dev/null |
         awk '{ bytes += $1; seconds += $2 }
@@ -180,14 +184,16 @@ measure() {
     say "agent's memory, after:   $(agent_memory)"
 }
 
-step "Building the agent and the lab (release)"
-build
-
-work=$(mktemp -d)
+work=
 trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
-# A proxy that the user's environment names is for the internet, not for the loopback interface.
+
+step "Building the agent and the lab (release); the first build takes some minutes"
+build
+
+work=$(mktemp -d)
+# The proxy of the user's environment serves the internet, not the loopback interface.
 export no_proxy=127.0.0.1 NO_PROXY=127.0.0.1
 
 step "Starting the device's web server"
@@ -200,7 +206,7 @@ step "Fetching the file through the tunnel"
 fetch_and_compare
 step "Fetching it eight times more, for the throughput"
 measure
-step "The tunnel works: the file arrived as it was"
+step "The tunnel works: the file arrived unchanged"
 if $once; then exit 0; fi
 
 say "Try it by hand, from another terminal:"
@@ -208,8 +214,8 @@ say "  curl http://$tunnel_address/"
 say "  curl --output /dev/null http://$tunnel_address/random.bin"
 say "Watch it work:"
 say "  tail -f $work/lab.log $work/agent.log"
-say "Ctrl-C ends it."
-trap 'printf "\n"; exit 0' INT TERM HUP
+say "Ctrl-C ends the demo."
+trap 'exit 0' INT TERM HUP
 while true; do
     fail_if_one_ended
     sleep 1

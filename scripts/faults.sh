@@ -1,26 +1,23 @@
 #!/usr/bin/env bash
-# Makes each single call that the agent makes of the system fail once, one run of the agent for each: connections,
-# reads, files, threads, memory. The agent must live on, keep nothing, and serve again.
+# Makes each single system call and allocation of the agent fail once, in one run of the agent for each:
+# connections, reads, files, threads, memory. The agent must survive, keep no resource, and serve again.
+# Installs missing packages first.
 #
 # Usage: scripts/faults.sh [--preset NAME] [--step N] [FUNCTION...]
 #   --preset NAME  one of CMakePresets.json: debug (the default), release, asan
-#   --step N       of the memory functions, which are called by the thousand, only every N-th call (default 1)
-#   FUNCTION       only these, as "connect" or "new"; without any, all that the tests know
+#   --step N       only every N-th call of the memory functions, which are called thousands of times (default 1)
+#   FUNCTION       only these functions, such as connect or new (default: all that the tests know)
 #
-# Builds first, in build/NAME. The exit status is 0 when the agent survived everything.
+# The build stays in build/NAME. The exit status is 0 when the agent survived everything.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/faults.sh; }
-refuse() { echo "faults.sh: $1, see --help" >&2; exit 2; }
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 preset=debug
 step=1
 functions=()
 while (($# > 0)); do
     case $1 in
-        -h | --help) usage; exit 0 ;;
         --preset) (($# > 1)) || refuse "--preset wants a name"; preset=$2; shift ;;
         --step) [[ ${2:-} =~ ^[1-9][0-9]*$ ]] || refuse "--step wants a number"; step=$2; shift ;;
         -*) refuse "unknown option '$1'" ;;
@@ -34,11 +31,13 @@ scripts/setup.sh build test
 cmake --preset "$preset" -DBUILD_LAB=ON -DBUILD_TESTS=ON
 cmake --build --preset "$preset" --target faults_tests
 program=build/$preset/tests/faults/faults_tests
-if ((${#functions[@]} == 0)); then
-    mapfile -t functions < <("$program" --gtest_filter='*AgentOutlives*' --gtest_list_tests | sed -n 's,^  .*/\(\w*\).*,\1,p')
-fi
+mapfile -t known < <("$program" --gtest_filter='*AgentOutlives*' --gtest_list_tests | sed -n 's,^  .*/\(\w*\).*,\1,p')
+for function in "${functions[@]}"; do
+    [[ " ${known[*]} " == *" $function "* ]] || refuse "no test makes '$function' fail; the tests know: ${known[*]}"
+done
+((${#functions[@]} > 0)) || functions=("${known[@]}")
 
-# A run waits more than it works, so several go at once: lane K of the lanes takes calls K, K + lanes, ...
+# A run mostly waits, so several run at once: lane K takes the calls K, K + lanes, K + 2 * lanes, ...
 lanes=8
 logs=$(mktemp -d)
 trap 'rm -rf "$logs"' EXIT

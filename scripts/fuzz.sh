@@ -1,47 +1,51 @@
 #!/usr/bin/env bash
-# Feeds the agent with hostile input, made up by libFuzzer, under the address and undefined-behaviour sanitizers.
-# Installs what is missing first.
+# Feeds the agent with hostile input that libFuzzer invents, under the address and undefined-behaviour
+# sanitizers. Installs missing packages first.
 #
 # Usage: scripts/fuzz.sh [TARGET] [SECONDS]
 #        scripts/fuzz.sh --replay [TARGET]
 #   TARGET    json, control, tunnel, sso, rest or config; without it, all of them, one after the other
-#   SECONDS   how long each target runs, 10 without it
-#   --replay  only what is in fuzz/corpus, once each
+#   SECONDS   how long each target runs (default 10)
+#   --replay  only runs each input of fuzz/corpus once
 #
-# The build, and inputs that reach something new, stay in build/fuzz. An input that crashes, leaks, takes more than 5
-# seconds or 512 MiB is a finding: its file stays in build/fuzz/findings, and the exit status is 1. Once the fault is
-# mended, the file goes to fuzz/corpus.
+# The build stays in build/fuzz, and so do inputs that reach new code. An input that crashes, leaks, or takes
+# more than 5 seconds or 512 MiB is a finding: its file stays in build/fuzz/findings, and the exit status is
+# 1. Once the fault has been mended, move the file to fuzz/corpus.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/fuzz.sh; }
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 targets=(json control tunnel sso rest config)
-seconds=10
+seconds=
 replay=false
 for argument in "$@"; do
     case $argument in
-        -h | --help) usage; exit 0 ;;
         --replay) replay=true ;;
-        json | control | tunnel | sso | rest | config) targets=("$argument") ;;
-        '' | 0* | *[!0-9]*) echo "fuzz.sh: neither a target nor a number of seconds: '$argument', see --help" >&2; exit 2 ;;
-        *) seconds=$argument ;;
+        json | control | tunnel | sso | rest | config)
+            ((${#targets[@]} > 1)) || refuse "one target only, or none for all"
+            targets=("$argument") ;;
+        '' | 0* | *[!0-9]*) refuse "neither a target nor a number of seconds: '$argument'" ;;
+        *)
+            [[ -z $seconds ]] || refuse "one number of seconds only"
+            seconds=$argument ;;
     esac
 done
+[[ -z $seconds || $replay == false ]] || refuse "--replay takes no number of seconds"
+seconds=${seconds:-10}
 
 scripts/setup.sh build fuzz
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=Debug \
     -DSANITIZE=address,undefined,fuzzer-no-link -DFUZZ=ON -DBUILD_LAB=OFF -DBUILD_TESTS=OFF
 cmake --build build/fuzz --target "${targets[@]/#/fuzz_}"
 export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-14
-# What is freed is kept back for long enough to see it used, and counts as memory: less than the usual 256 MiB.
+# The sanitizer keeps freed memory back to detect its use, and that counts towards the limit of 512 MiB. So
+# keep back less than the usual 256 MiB.
 export ASAN_OPTIONS=quarantine_size_mb=32
 
-# fuzz TARGET: what it finds new is kept and built upon the next time
+# fuzz TARGET: keeps inputs that reach new code; the next run starts from them
 fuzz() {
     local new=build/fuzz/corpus/$1 length=65536
-    # A short message can open a session that moves half a megabyte.
+    # These inputs are kept short, because a short message can open a session that moves half a megabyte.
     case $1 in control) length=4096 ;; tunnel) length=16384 ;; esac
     local options=(-timeout=5 -rss_limit_mb=512 -max_len="$length" -artifact_prefix="build/fuzz/findings/$1-")
     mkdir -p "$new" build/fuzz/findings
@@ -59,7 +63,7 @@ for target in "${targets[@]}"; do
     fuzz "$target" || failed+=("$target")
 done
 if ((${#failed[@]} > 0)); then
-    echo "fuzz: FINDINGS in ${failed[*]}; what was found, the latest first:" >&2
+    echo "fuzz: FINDINGS in ${failed[*]}; their files, the latest first:" >&2
     ls -1t build/fuzz/findings/* >&2
     exit 1
 fi

@@ -1,43 +1,37 @@
 #!/usr/bin/env bash
-# Runs sessions of every kind through agent and lab for a while, and keeps a ledger of every byte. Installs what is
-# missing first.
+# Runs sessions of every kind through agent and lab for a while and keeps a ledger of every byte. Installs
+# missing packages first.
 #
 # Usage: scripts/soak.sh [MINUTES] [SEED]
-#   MINUTES  how long sessions are opened, 1 without it
-#   SEED     which sessions, a number; without it a random one. It is printed.
+#   MINUTES  how long sessions are opened (default 1)
+#   SEED     a number that selects the sessions; without it a random one, which is printed
 #
-# Sessions open, close, die and stall at random, and every 6 to 20 seconds the server dies and starts again. All bytes
-# are keyed by session, direction and place. At the end each byte has arrived, or was dropped for a reason that the
-# report names; none is foreign, repeated or out of order; what services sent before they closed has arrived; and the
-# agent holds the descriptors, threads and memory that it held after the first third (or minute, if that is shorter).
-# Then the exit status is 0, otherwise 1.
+# Sessions open, close, die and stall at random, and every 6 to 20 seconds the server dies and starts again.
+# All bytes are keyed by session, direction and position. The exit status is 0 when, at the end,
+# - each byte has arrived, or was dropped for a reason that the report names;
+# - no byte is foreign, repeated or out of order;
+# - all bytes that services sent before they closed have arrived;
+# - the agent holds as many descriptors and threads and as much memory as after the first third of the run (or
+#   after the first minute, if that is shorter).
+# Otherwise it is 1.
 #
-# The agent's clock runs ten times as fast as the others', so that its delays come to an end within the run. The build
-# stays in build/release.
+# The agent's clock runs ten times as fast as the clocks of the others, so that its delays end within the run.
+# The build stays in build/release.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/soak.sh; }
-
-for argument in "$@"; do
-    case $argument in
-        -h | --help) usage; exit 0 ;;
-        '' | *[!0-9]*) echo "soak.sh: not a number: '$argument', see --help" >&2; exit 2 ;;
-    esac
-done
-if (($# > 2)) || [[ ${1:-1} =~ ^0*$ ]]; then
-    echo "soak.sh: MINUTES from 1, and SEED, see --help" >&2
-    exit 2
-fi
-minutes=${1:-1}
-seed=${2:-$(od --address-radix=n --read-bytes=6 --format=u8 /dev/urandom | tr --delete ' ')}
+(($# <= 2)) || refuse "too many arguments, '$3' is the first"
+minutes=${1-1}
+seed=${2-$(random_seed)}
+[[ $minutes =~ ^0*([1-9][0-9]{0,3}|10000)$ ]] || refuse "MINUTES is a number from 1 to 10000, not '$minutes'"
+[[ $seed =~ ^[0-9]{1,18}$ ]] || refuse "SEED is a number of at most 18 digits, not '$seed'"
 
 scripts/setup.sh build soak
 cmake --preset release -DBUILD_TESTS=OFF -DBUILD_SOAK=ON
 cmake --build --preset release --target tunnel-soak
 
-# What the two programs say is long, and of no use but to find a fault.
+# The logs of the two programs are long, and only useful after a failure.
 work=build/release/soak/logs
 rm -rf "$work"
 mkdir "$work"

@@ -4,7 +4,7 @@
 # Usage: scripts/test.sh [--preset NAME | --sanitize address|thread] [FOLDER]...
 #   --preset NAME       one of CMakePresets.json: debug (the default), release, asan, tsan
 #   --sanitize address  the same as --preset asan: address and undefined-behaviour sanitizers
-#   --sanitize thread   the same as --preset tsan: thread sanitizer (without tests/faults, which it cannot run)
+#   --sanitize thread   the same as --preset tsan: thread sanitizer (without tests/faults)
 #   FOLDER              of tests/, such as tunnel: only what is in it
 #
 # The build stays in build/NAME. The exit status is 0 when every test passed.
@@ -47,7 +47,8 @@ targets=()
 cmake --build --preset "$preset" "${targets[@]}"
 
 runner=()
-# Thread sanitizer cannot cope with the wide address randomisation of newer kernels; where we may, we switch it off.
+# The thread sanitizer fails under the wide address randomisation of newer kernels, so switch that off if
+# permitted.
 if [[ $preset == tsan ]] && setarch --addr-no-randomize true 2>/dev/null; then
     runner=(setarch --addr-no-randomize)
 fi
