@@ -1,22 +1,19 @@
 #!/usr/bin/env bash
-# Runs sessions of every kind through agent and lab for a while and keeps a ledger of every byte. Installs
-# missing packages first.
+# Runs sessions of every kind through agent and lab for a while, and keeps a ledger of every byte. Installs what is
+# missing first.
 #
 # Usage: scripts/soak.sh [MINUTES] [SEED]
-#   MINUTES  how long sessions are opened (default 1)
-#   SEED     a number that selects the sessions; without it a random one, which is printed
+#   MINUTES  how long sessions are opened, 1 without it
+#   SEED     which sessions, a number; without it a random one. It is printed.
 #
-# Sessions open, close, die and stall at random, and every 6 to 20 seconds the server dies and starts again.
-# All bytes are keyed by session, direction and position. The exit status is 0 when, at the end,
-# - each byte has arrived, or was dropped for a reason that the report names;
-# - no byte is foreign, repeated or out of order;
-# - all bytes that services sent before they closed have arrived;
-# - the agent holds as many descriptors and threads and as much memory as after the first third of the run (or
-#   after the first minute, if that is shorter).
-# Otherwise it is 1.
+# Sessions open, close, die and stall at random, and every 6 to 20 seconds the server dies and starts again. All bytes
+# are keyed by session, direction and place. At the end each byte has arrived, or was dropped for a reason that the
+# report names; none is foreign, repeated or out of order; what services sent before they closed has arrived; and the
+# agent holds the descriptors, threads and memory that it held after the first third (or minute, if that is shorter).
+# Then the exit status is 0, otherwise 1.
 #
-# The agent's clock runs ten times as fast as the clocks of the others, so that its delays end within the run.
-# The build stays in build/release.
+# The agent's clock runs ten times as fast as the others', so that its delays come to an end within the run. The build
+# stays in build/release.
 
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -31,7 +28,7 @@ scripts/setup.sh build soak
 cmake --preset release -DBUILD_TESTS=OFF -DBUILD_SOAK=ON
 cmake --build --preset release --target tunnel-soak
 
-# The logs of the two programs are long, and only useful after a failure.
+# What the two programs say is long, and of no use but to find a fault.
 work=build/release/soak/logs
 rm -rf "$work"
 mkdir "$work"
