@@ -8,7 +8,7 @@
 #   --step N       only every N-th call of the memory functions, which are called thousands of times (default 1)
 #   FUNCTION       only these functions, such as connect or new (default: all that the tests know)
 #
-# The build stays in build/NAME. The exit status is 0 when the agent survived everything.
+# Builds first, in build/NAME. The exit status is 0 when the agent survived everything.
 
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -32,6 +32,7 @@ cmake --preset "$preset" -DBUILD_LAB=ON -DBUILD_TESTS=ON
 cmake --build --preset "$preset" --target faults_tests
 program=build/$preset/tests/faults/faults_tests
 mapfile -t known < <("$program" --gtest_filter='*AgentOutlives*' --gtest_list_tests | sed -n 's,^  .*/\(\w*\).*,\1,p')
+((${#known[@]} > 0)) || { echo "faults.sh: the tests know no function" >&2; exit 1; }
 for function in "${functions[@]}"; do
     [[ " ${known[*]} " == *" $function "* ]] || refuse "no test makes '$function' fail; the tests know: ${known[*]}"
 done

@@ -4,7 +4,7 @@
 # Usage: scripts/test.sh [--preset NAME | --sanitize address|thread] [FOLDER]...
 #   --preset NAME       one of CMakePresets.json: debug (the default), release, asan, tsan
 #   --sanitize address  the same as --preset asan: address and undefined-behaviour sanitizers
-#   --sanitize thread   the same as --preset tsan: thread sanitizer (without tests/faults)
+#   --sanitize thread   the same as --preset tsan: thread sanitizer (without tests/faults, which it cannot run)
 #   FOLDER              of tests/, such as tunnel: only what is in it
 #
 # The build stays in build/NAME. The exit status is 0 when every test passed.
