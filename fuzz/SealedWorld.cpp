@@ -29,9 +29,10 @@ namespace fuzz {
 namespace {
 
 SealedWorld* world = nullptr;
-std::atomic<long> skippedSeconds{0};
+// The monotonic clock, which nothing but PassTime moves. Other threads read it, too.
+std::atomic<long> clockNanoseconds{1000000000000};
 
-// Where asio waits for a socket. It asks before the socket is connected, when it is another one than later.
+// Where asio waits for a socket. It asks before the socket is connected, and Connect puts another one in its place.
 struct Watch {
     int epoll;
     epoll_event event;
@@ -45,7 +46,7 @@ int Refuse() {
     return -1;
 }
 
-// Puts `connected` in the place of `socket`, blocking or not, and waited for, as it was.
+// Puts `connected` in the place of `socket`; it blocks, and asio waits for it, if that was so for `socket`.
 void Replace(int socket, int connected) {
     fcntl(connected, F_SETFL, fcntl(socket, F_GETFL));
     const auto watch = watches.find(socket);
@@ -73,35 +74,68 @@ SealedWorld::SealedWorld(Directory whoAnswers, std::size_t piece)
 SealedWorld::~SealedWorld() {
     world = nullptr;
     watches.clear();
-    for (const int peer : peers) close(peer);
+    for (const Line& line : lines) close(line.descriptor);
     Require(OpenDescriptors() == openBefore, "descriptors are closed");
 }
 
 int SealedWorld::Connect(int socket, std::uint16_t port) {
-    const auto peer = directory(port);
+    auto peer = directory(port);
     if (!peer) return Refuse();
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return Refuse();
-    // What is said fits into the kernel; what is heard soon does not, until it is read.
+    // The kernel has room for everything that a peer sends, but soon none for what is sent to it and not read.
     constexpr int ourBytes = 1 << 20, theirBytes = 1 << 16;
     setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &ourBytes, sizeof ourBytes);
     setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &theirBytes, sizeof theirBytes);
     Replace(socket, ends[1]);
-    peers.push_back(ends[0]);
-    send(ends[0], peer->says.data(), peer->says.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (peer->ending != Peer::StaysSilent)
-        shutdown(ends[0], peer->ending == Peer::GoesDeaf ? SHUT_RD : SHUT_WR);
+    const Instant due = Instant(clockNanoseconds) + peer->says.front().pause;
+    lines.push_back({ends[0], std::move(*peer), 0, due});
+    if (due == Instant(clockNanoseconds)) Speak(lines.back());
     return 0;
+}
+
+void SealedWorld::Speak(Line& line) {
+    const auto& says = line.peer.says;
+    const std::string& text = says[line.next++].text;
+    send(line.descriptor, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (line.next < says.size()) {
+        line.due += says[line.next].pause;
+    } else if (line.peer.ending != Peer::StaysSilent) {
+        shutdown(line.descriptor, line.peer.ending == Peer::GoesDeaf ? SHUT_RD : SHUT_WR);
+    }
+}
+
+void SealedWorld::PassTime(std::chrono::milliseconds limit) {
+    Instant until = Instant(clockNanoseconds) + limit;
+    Line* speaker = nullptr;
+    for (Line& line : lines) {
+        if (line.next == line.peer.says.size() || line.due > until) continue;
+        until = line.due;
+        speaker = &line;
+    }
+    clockNanoseconds = until.count();
+    if (speaker != nullptr) Speak(*speaker);
+}
+
+bool SealedWorld::IsSilent() const {
+    return std::all_of(lines.begin(), lines.end(),
+                       [](const Line& line) { return line.next == line.peer.says.size(); });
+}
+
+std::size_t SealedWorld::NextReadBytes() {
+    if (smallReads == 0) return SIZE_MAX;
+    --smallReads;
+    return pieceBytes;
 }
 
 bool SealedWorld::Listen() {
     static char chunk[65536];
     bool any = false;
-    for (const int peer : peers) {
+    for (const Line& line : lines) {
         ssize_t got;
-        while ((got = recvfrom(peer, chunk, sizeof chunk, MSG_DONTWAIT, nullptr, nullptr)) > 0) {
+        while ((got = recvfrom(line.descriptor, chunk, sizeof chunk, MSG_DONTWAIT, nullptr, nullptr)) > 0) {
             any = true;
-            if (peer == peers.front()) heard.append(chunk, static_cast<std::size_t>(got));
+            if (&line == &lines.front()) heard.append(chunk, static_cast<std::size_t>(got));
         }
     }
     return any;
@@ -131,7 +165,7 @@ extern "C" int connect(int socket, const sockaddr* address, socklen_t) {
 
 // Taking the place of this call takes it from the sanitizer, which would have looked at the buffer.
 extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
-    const std::size_t piece = world != nullptr ? std::min(size, world->PieceBytes()) : size;
+    const std::size_t piece = world != nullptr ? std::min(size, world->NextReadBytes()) : size;
     fuzz::Require(__asan_region_is_poisoned(buffer, size) == nullptr, "a buffer that may be written");
     return syscall(SYS_recvfrom, socket, buffer, piece, flags, nullptr, nullptr);
 }
@@ -144,9 +178,11 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
 }
 
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
-    const long result = syscall(SYS_clock_gettime, clock, time);
-    if (clock == CLOCK_MONOTONIC) time->tv_sec += fuzz::skippedSeconds;
-    return static_cast<int>(result);
+    if (clock != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    constexpr long second = 1000000000;
+    const long now = fuzz::clockNanoseconds;
+    *time = {now / second, now % second};
+    return 0;
 }
 
 extern "C" int epoll_ctl(int epoll, int operation, int descriptor, epoll_event* event) noexcept {
@@ -156,11 +192,12 @@ extern "C" int epoll_ctl(int epoll, int operation, int descriptor, epoll_event* 
 }
 
 extern "C" int epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
-    // asio is built without timers of the kernel's, so it says here how long it wants to wait.
+    // asio is built without timers of the kernel's, so `timeout` is the time until its next timer.
     constexpr int withoutTimers = 300000;  // then it waits for the resolver's thread
-    const int patience = timeout == withoutTimers ? timeout : 0;
+    const bool isResolving = timeout == withoutTimers && (world == nullptr || world->IsSilent());
+    const int patience = isResolving ? timeout : 0;
     const long ready = syscall(SYS_epoll_pwait, epoll, events, most, patience, nullptr, 0);
-    if (ready == 0 && (world == nullptr || !world->Listen()))
-        fuzz::skippedSeconds += (timeout + 999) / 1000;  // all delays are seconds
+    if (ready == 0 && world != nullptr && !world->Listen())
+        world->PassTime(std::chrono::milliseconds(timeout));
     return static_cast<int>(ready);
 }

@@ -1,13 +1,13 @@
 #include "fuzz/TunnelRun.h"
 
 #include <algorithm>
+#include <asio.hpp>
 #include <cstdint>
 #include <stdexcept>
 #include <system_error>
 
-#include "fuzz/SealedWorld.h"
 #include "tunnel/MessageSigning.h"
-#include "tunnel/TunnelClient.h"
+#include "tunnel/TunnelConnection.h"
 #include "tunnel/TunnelMessage.h"
 
 namespace fuzz {
@@ -30,22 +30,29 @@ TunnelConfig Configuration() {
     return config;
 }
 
-std::optional<Peer> Service(std::uint16_t port, std::size_t pieceBytes) {
+std::optional<Peer> PeerAt(std::uint16_t port, const Stream& stream, std::size_t pieceBytes) {
+    constexpr std::size_t largestRead = 16384;
+    constexpr std::chrono::seconds early{3}, late{4};
     switch (port) {
-        case 6: return Peer{"", Peer::GoesDeaf};
-        case 7:
-            return Peer{std::string(30 * std::min<std::size_t>(16384, pieceBytes), 'x'), Peer::StaysSilent};
-        case 9: return Peer{"", Peer::StaysSilent};
-        case 13: return Peer{"hello"};
+        case tunnelPort: return Peer(stream.Sayings());
+        case 6: return Peer("", Peer::GoesDeaf);
+        case 7: return Peer(std::string(30 * std::min(largestRead, pieceBytes), 'x'), Peer::StaysSilent);
+        case 9: return Peer("", Peer::StaysSilent);
+        case 13: return Peer("hello");
+        case 14: return Peer(std::vector<Saying>{{early, "early"}, {late, "late"}});
         default: return std::nullopt;
     }
 }
 
-// What a run may end with is what the numbers and addresses of a new session throw, and nothing of the JSON
-// library's, whose complaints cost one message only.
+// Only the port and the address of a new session may end a run; an error of the JSON library costs one message.
 void Run() {
+    const TunnelConfig config = Configuration();
+    const Delays delays;
+    asio::io_context io(1);
     try {
-        TunnelClient(Configuration()).Run();
+        TunnelConnection connection(io, config, delays);
+        connection.Connect();
+        io.run();
     } catch (const json::parsing_error&) {
         Require(false, "a message that does not parse is dropped");
     } catch (const std::logic_error& error) {
@@ -78,7 +85,7 @@ void CheckFrames(const std::string& sent) {
 
 }  // namespace
 
-std::string ControlFrame(const std::string& text) {
+void Stream::SendControl(const std::string& text) {
     std::string payload = text;
     try {
         json::jobject message = json::jobject::parse(text);
@@ -89,17 +96,12 @@ std::string ControlFrame(const std::string& text) {
         payload = message.as_string();
     } catch (const std::exception&) {  // not an object: nothing to sign
     }
-    const TunnelMessage frame(controlFrame, "", payload);
-    const HeaderBytes header = EncodeHeader(frame);
-    return std::string(header.begin(), header.end()) + payload;
+    const HeaderBytes header = EncodeHeader(TunnelMessage(controlFrame, "", payload));
+    Send(std::string(header.begin(), header.end()) + payload);
 }
 
-void RunTunnel(const std::string& stream, std::size_t pieceBytes, int connections) {
-    const auto answer = [&](std::uint16_t port) {
-        if (port != tunnelPort) return Service(port, pieceBytes);
-        return connections-- > 0 ? std::optional(Peer{stream}) : std::nullopt;
-    };
-    SealedWorld world(answer, pieceBytes);
+void RunTunnel(const Stream& stream, std::size_t pieceBytes) {
+    SealedWorld world([&](std::uint16_t port) { return PeerAt(port, stream, pieceBytes); }, pieceBytes);
     Run();
     CheckFrames(world.Heard());
 }

@@ -2,16 +2,31 @@
 
 #include <cstddef>
 #include <string>
-#include <string_view>
+#include <vector>
+
+#include "fuzz/SealedWorld.h"
 
 namespace fuzz {
 
-/// A server's control frame. An object without a "sign" is signed, and stamped where it has no time stamp:
-/// else the signature would keep every input out. Anything else is sent as it is.
-std::string ControlFrame(const std::string& text);
+/// A server's texts, put together piece by piece.
+class Stream {
+public:
+    void Send(const std::string& bytes) { says.back().text += bytes; }
+    /// An object without a "sign" is signed, and stamped when it has no time stamp, because otherwise the signature
+    /// would keep almost every input out. Anything else is sent as it is.
+    void SendControl(const std::string& text);
+    /// @param count its lower five bits count: enough for every delay of the agent
+    void WaitSeconds(unsigned count) { says.push_back({std::chrono::seconds(count % 32), ""}); }
 
-/// A whole Run of a tunnel client: its first `connections` are sent `stream` and closed, the others refused.
-/// Sessions find a service at ports 6 (deaf), 7 (sends 30 pieces), 9 (is silent) and 13 (says hello).
-void RunTunnel(const std::string& stream, std::size_t pieceBytes, int connections);
+    const std::vector<Saying>& Sayings() const { return says; }
+
+private:
+    std::vector<Saying> says{1};
+};
+
+/// The whole life of one connection of a tunnel client to a server that sends `stream` and hangs up. Connections share
+/// nothing, so one is enough. Sessions find a service at ports 6 (deaf), 7 (sends 30 pieces), 9 (silent), 13 (sends a
+/// word and hangs up) and 14 (sends a word after 3 and after 7 seconds).
+void RunTunnel(const Stream& stream, std::size_t pieceBytes);
 
 }  // namespace fuzz

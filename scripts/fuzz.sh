@@ -48,6 +48,7 @@ fuzz() {
     # A short message can open a session that moves half a megabyte.
     case $1 in control) length=4096 ;; tunnel) length=16384 ;; esac
     local options=(-timeout=5 -rss_limit_mb=512 -max_len="$length" -artifact_prefix="build/fuzz/findings/$1-")
+    case $1 in control | tunnel) options+=(-dict=fuzz/tunnel.dict) ;; esac
     mkdir -p "$new" build/fuzz/findings
     if $replay; then
         "build/fuzz/fuzz/fuzz_$1" "${options[@]}" -runs=0 "fuzz/corpus/$1"
