@@ -1,4 +1,4 @@
-// A configuration file.
+// Loads the input as a configuration file.
 #include <sys/mman.h>
 #include <unistd.h>
 

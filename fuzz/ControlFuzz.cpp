@@ -1,4 +1,5 @@
-// Control messages, one a line, each signed as the server would sign it. A line such as "+5" lets 5 seconds pass.
+// Control messages, one a line, each signed as the server would sign it. A line such as "+5" lets 5 seconds
+// pass.
 #include <cstdlib>
 #include <sstream>
 

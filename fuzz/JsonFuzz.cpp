@@ -1,4 +1,4 @@
-// Any text, through every reader of the JSON library.
+// Feeds any text to every reader of the JSON library.
 #include <algorithm>
 #include <string>
 #include <tuple>
@@ -38,8 +38,9 @@ void CheckReader(const std::string& text) {
                 "a rejected character changes nothing");
     }
     reader again;
-    for (const char ch : input.readout()) Require(again.push(ch) == Tried::ACCEPTED, "what was read reads");
-    Require(again == input && SameState(again, input), "what was read reads as itself");
+    for (const char ch : input.readout())
+        Require(again.push(ch) == Tried::ACCEPTED, "the reader's own text can be read");
+    Require(again == input && SameState(again, input), "and reads as the same value");
     again.clear();
     Require(again.empty() && SameState(again, reader()), "a cleared reader is as good as new");
 }
@@ -47,7 +48,7 @@ void CheckReader(const std::string& text) {
 void CheckMember(const std::string& text) {
     kvp_reader member;
     for (const char ch : text) member.push(ch);
-    member.clear();  // the second time it has to be as good as the first
+    member.clear();  // a cleared reader must read like a new one
     for (const char ch : text) member.push(ch);
     if (!member.is_valid()) return;
     reader object;
@@ -112,12 +113,13 @@ bool Any(const std::vector<std::string>& keys, const char* characters) {
     return std::any_of(keys.begin(), keys.end(), holds);
 }
 
-// What takes the square of the size: indenting by depth, and a search for every key.
+// These checks take time that grows with the square of the size: indenting by depth, and a search for every
+// key.
 void CheckSmallDocument(jobject document) {
     const auto keys = document.list_keys();
     for (const std::string& key : keys)
         Require(document.has_key(key) && !document[key].ref().empty(), "keys lead to values");
-    // Indented text does not escape the keys, whatever their depth.
+    // Indented text does not escape the keys, at any depth.
     const bool hasEscapes = document.as_string().find('\\') != std::string::npos;
     std::string indented;
     if (Parses([&] { indented = document.pretty(); }) && !document.is_array() && !hasEscapes)
@@ -132,9 +134,8 @@ void CheckDocument(const std::string& text) {
     const std::string written = document.as_string();
     jobject again;
     const bool reads = Parses([&] { again = jobject::parse(written); });
-    Require(reads != Any(document.list_keys(), "/"),
-            "what is written reads again, but for an escaped solidus");
-    Require(!reads || again.as_string() == written, "and as itself");
+    Require(reads != Any(document.list_keys(), "/"), "written text can be read, except an escaped solidus");
+    Require(!reads || again.as_string() == written, "and reads as the same text");
     for (std::size_t i = 0; i < document.size(); ++i) CheckEntry(document.at(i));
     if (written.size() <= 4096) CheckSmallDocument(std::move(document));
 }
@@ -145,7 +146,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     const std::string text(reinterpret_cast<const char*>(data), size);
     CheckReader(text);
     CheckMember(text);
-    const std::string line = text.c_str();  // the rest of the library knows texts that end with a NUL
+    // The rest of the library reads texts that end with a NUL.
+    const std::string line = text.c_str();
     CheckValue(line);
     CheckString(line);
     CheckArray(line);

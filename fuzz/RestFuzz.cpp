@@ -1,5 +1,5 @@
-// Registrations: the first line is the discovery data, each other one the API's next reply, as in
-// 200 {"apiVersion":"2.0.0"}. When the lines are over, connections are refused.
+// Runs registrations. The first line is the discovery data, and each other line is the API's next reply, as
+// in 200 {"apiVersion":"2.0.0"}. When no line is left, connections are refused.
 #include <arpa/inet.h>
 
 #include <sstream>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint16_t ssoPort = 1;
 
-// The API is us, whatever the input says.
+// Puts our own API in the place of the one that the input names.
 std::string WithOurApi(const std::string& discovery) {
     try {
         json::jobject data = json::jobject::parse(discovery);
@@ -25,7 +25,7 @@ std::string WithOurApi(const std::string& discovery) {
         data["config"] = config;
         return data.as_string();
     } catch (const std::exception&) {
-        return discovery;  // the agent will stumble over the same thing
+        return discovery;  // the agent will find the same error
     }
 }
 

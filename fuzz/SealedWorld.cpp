@@ -32,7 +32,8 @@ SealedWorld* world = nullptr;
 // The monotonic clock, which nothing but PassTime moves. Other threads read it, too.
 std::atomic<long> clockNanoseconds{1000000000000};
 
-// Where asio waits for a socket. It asks before the socket is connected, and Connect puts another one in its place.
+// Where asio waits for a socket. It asks before the socket is connected, and Connect puts another one in its
+// place.
 struct Watch {
     int epoll;
     epoll_event event;
@@ -83,7 +84,8 @@ int SealedWorld::Connect(int socket, std::uint16_t port) {
     if (!peer) return Refuse();
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return Refuse();
-    // The kernel has room for everything that a peer sends, but soon none for what is sent to it and not read.
+    // The kernel has room for everything that a peer sends, but soon none for what is sent to it and not
+    // read.
     constexpr int ourBytes = 1 << 20, theirBytes = 1 << 16;
     setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &ourBytes, sizeof ourBytes);
     setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &theirBytes, sizeof theirBytes);
@@ -150,7 +152,7 @@ const std::string& SealedWorld::Heard() {
 
 using fuzz::world;
 
-// Every line of the log is put together, and goes nowhere.
+// The log is formatted in full, at its highest level, and discarded.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::Require(std::freopen("/dev/null", "w", stdout) != nullptr, "a place for the log");
     std::signal(SIGPIPE, SIG_IGN);  // as in the agent
@@ -163,7 +165,7 @@ extern "C" int connect(int socket, const sockaddr* address, socklen_t) {
     return loopback && world != nullptr ? world->Connect(socket, ntohs(to->sin_port)) : fuzz::Refuse();
 }
 
-// Taking the place of this call takes it from the sanitizer, which would have looked at the buffer.
+// The sanitizer would have checked the buffer in its own version of this call, so it is checked here.
 extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
     const std::size_t piece = world != nullptr ? std::min(size, world->NextReadBytes()) : size;
     fuzz::Require(__asan_region_is_poisoned(buffer, size) == nullptr, "a buffer that may be written");
@@ -173,7 +175,7 @@ extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {
     static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
     addrinfo numeric = hints != nullptr ? *hints : addrinfo{};
-    numeric.ai_flags |= AI_NUMERICHOST;  // nobody is asked
+    numeric.ai_flags |= AI_NUMERICHOST;  // so that no name server is asked
     return real(node, service, &numeric, result);
 }
 

@@ -11,12 +11,12 @@
 
 /// The ground under the fuzz targets: a process whose connections lead nowhere but into the input.
 ///
-/// SealedWorld.cpp takes the place of the C library's connect, recv, getaddrinfo, clock_gettime and of the calls
-/// with which asio waits. A connect yields one end of a socket pair, so no input causes traffic beyond this process,
-/// whatever addresses it names. The monotonic clock stands still while anything can be read or written. When nothing
-/// can, the peers read the bytes that were sent to them; when there were none either, the clock jumps to the next
-/// timer or to the next text of a peer, whichever is earlier. So the real delays take no time, and no run depends on
-/// the speed of the machine.
+/// SealedWorld.cpp takes the place of the C library's connect, recv, getaddrinfo, clock_gettime and of the
+/// calls with which asio waits. A connect yields one end of a socket pair, so no input causes traffic beyond
+/// this process, whatever addresses it names. The monotonic clock stands still while anything can be read or
+/// written. When nothing can, the peers read the bytes that were sent to them; when there were none either,
+/// the clock jumps to the next timer or to the next text of a peer, whichever is earlier. So the real delays
+/// take no time, and no run depends on the speed of the machine.
 namespace fuzz {
 
 /// Makes the input a finding, with `promise` as the reason, unless the condition holds.
@@ -39,10 +39,11 @@ struct Peer {
     explicit Peer(std::vector<Saying> texts) : says(std::move(texts)) {}
 };
 
-/// Who answers at a port of 127.0.0.1. Without an answer the connection is refused, as it is at any other address.
+/// Who answers at a port of 127.0.0.1. Without an answer the connection is refused, as it is at any other
+/// address.
 using Directory = std::function<std::optional<Peer>(std::uint16_t port)>;
 
-/// One run's connections; there is one object at a time.
+/// The connections of one run. There is one object at a time.
 class SealedWorld {
 public:
     /// @param piece how many bytes each of the first reads returns at most, at least 1

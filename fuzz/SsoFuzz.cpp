@@ -1,5 +1,6 @@
-// An SSO service's reply. The first character chooses the request: t, d, c or r, with the reply's length put
-// ahead of it; any other sends the reply as it is, length included, in pieces of 3 bytes.
+// Sends an SSO service's reply. The first character chooses the request: t, d, c or r. Then the reply's
+// length is put before it. With any other character the reply is sent as it is, length included, in pieces of
+// 3 bytes.
 #include <arpa/inet.h>
 
 #include <stdexcept>

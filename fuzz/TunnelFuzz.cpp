@@ -1,6 +1,6 @@
-// A tunnel server's stream. Its first byte is the size of the pieces in which it arrives, 0 for one piece. Frames
-// follow: whole control frames are signed, and a 'w' in the place of a frame's type, with the byte behind it, lets that
-// many seconds pass. Everything else is sent as it is.
+// A tunnel server's stream. Its first byte is the size of the pieces in which it arrives, 0 for one piece.
+// Frames follow: whole control frames are signed, and a 'w' in the place of a frame's type, with the byte
+// behind it, lets that many seconds pass. Everything else is sent as it is.
 #include <algorithm>
 
 #include "fuzz/TunnelRun.h"

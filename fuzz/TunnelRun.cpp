@@ -44,7 +44,8 @@ std::optional<Peer> PeerAt(std::uint16_t port, const Stream& stream, std::size_t
     }
 }
 
-// Only the port and the address of a new session may end a run; an error of the JSON library costs one message.
+// Only the port and the address of a new session may end a run; an error of the JSON library costs one
+// message.
 void Run() {
     const TunnelConfig config = Configuration();
     const Delays delays;
@@ -61,7 +62,8 @@ void Run() {
     }
 }
 
-// Session ids are quoted with an escaped solidus, which our own reader refuses.
+// The agent writes session ids with an escaped solidus, which its own reader refuses; those messages are
+// skipped.
 void CheckControl(const std::string& payload, const char* expectedMethod) {
     if (payload.find("\\/") != std::string::npos) return;
     const auto message = json::jobject::parse(payload);

@@ -45,7 +45,7 @@ export ASAN_OPTIONS=quarantine_size_mb=32
 # fuzz TARGET: keeps inputs that reach new code; the next run starts from them
 fuzz() {
     local new=build/fuzz/corpus/$1 length=65536
-    # A short message can open a session that moves half a megabyte.
+    # Short, because one message can open a session that moves half a megabyte.
     case $1 in control) length=4096 ;; tunnel) length=16384 ;; esac
     local options=(-timeout=5 -rss_limit_mb=512 -max_len="$length" -artifact_prefix="build/fuzz/findings/$1-")
     case $1 in control | tunnel) options+=(-dict=fuzz/tunnel.dict) ;; esac

@@ -1,19 +1,22 @@
 #!/usr/bin/env bash
-# Runs sessions of every kind through agent and lab for a while, and keeps a ledger of every byte. Installs what is
-# missing first.
+# Runs sessions of every kind through agent and lab for a while, and keeps a ledger of every byte. Installs
+# missing packages first.
 #
 # Usage: scripts/soak.sh [MINUTES] [SEED]
 #   MINUTES  how long sessions are opened, 1 without it
 #   SEED     which sessions, a number; without it a random one. It is printed.
 #
-# Sessions open, close, die and stall at random, and every 6 to 20 seconds the server dies and starts again. All bytes
-# are keyed by session, direction and place. At the end each byte has arrived, or was dropped for a reason that the
-# report names; none is foreign, repeated or out of order; what services sent before they closed has arrived; and the
-# agent holds the descriptors, threads and memory that it held after the first third (or minute, if that is shorter).
-# Then the exit status is 0, otherwise 1.
+# Sessions open, close, die and stall at random. Every 4 to 14 seconds the tunnel breaks, alone or with its
+# server, which starts again. At the end bursts of small sessions show the memory that each leaves behind. All
+# bytes are keyed by session, direction and place. At the end each byte has arrived, or was dropped for a
+# reason that the report names; none is foreign, repeated or out of order; everything that services sent
+# before they ended in good order has arrived; the agent has kept its delay before it closed a service's
+# socket; and it holds the descriptors and threads that it held after the first third (or minute, if that is
+# shorter), and no memory for each session since. Then the exit status is 0, otherwise 1, and a line FAULT
+# names each fault.
 #
-# The agent's clock runs ten times as fast as the others', so that its delays come to an end within the run. The build
-# stays in build/release.
+# The agent's clock runs ten times as fast as the others', so that its delays come to an end within the run.
+# The build stays in build/release.
 
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -28,7 +31,7 @@ scripts/setup.sh build soak
 cmake --preset release -DBUILD_TESTS=OFF -DBUILD_SOAK=ON
 cmake --build --preset release --target tunnel-soak
 
-# What the two programs say is long, and of no use but to find a fault.
+# The output of the two programs is long, and only of use to find a fault.
 work=build/release/soak/logs
 rm -rf "$work"
 mkdir "$work"

@@ -9,7 +9,7 @@ using asio::ip::tcp;
 
 namespace {
 
-/// An end that will stop reading should be noticed soon, before the kernel has put megabytes by for it.
+/// Of an end that will stop reading: the kernel must not keep megabytes for it.
 constexpr int smallBufferBytes = 16384;
 
 }  // namespace
@@ -54,7 +54,7 @@ void Endpoint::Send() {
                             });
 }
 
-// After a failed write there is still something to read: at least the reason.
+// A failed write does not end it, because there is still something to read: at least the error.
 void Endpoint::OnSent(std::error_code error, std::size_t size) {
     record.sent += size;  // even when the socket has been closed meanwhile: the kernel had taken them
     if (error || !socket.is_open()) return;
@@ -71,6 +71,7 @@ void Endpoint::OnPaused(std::error_code error) {
 void Endpoint::OnAllSent() {
     if (plan.finish == Finish::Stay) return;
     (plan.finish == Finish::Shutdown ? record.shutDown : record.closed) = true;
+    record.finishedAt = Clock::now();
     if (plan.finish == Finish::Close) return Close();
     std::error_code ignored;
     socket.shutdown(tcp::socket::shutdown_send, ignored);
@@ -79,7 +80,7 @@ void Endpoint::OnAllSent() {
 void Endpoint::Receive() {
     if (!socket.is_open()) return;
     if (plan.Stalls() && record.received >= plan.stallAt) {
-        stalling = true;
+        stalling = record.hasStalled = true;
         stallTimer.expires_after(std::exchange(plan.stall, {}));
         return stallTimer.async_wait(
             [self = shared_from_this()](std::error_code error) { self->OnStallOver(error); });
@@ -93,6 +94,7 @@ void Endpoint::Receive() {
 void Endpoint::OnReceived(std::error_code error, std::size_t size) {
     record.wrong += in.CountWrong(record.received, {incoming.data(), size});
     record.received += size;
+    if (size > 0) record.lastReceived = Clock::now();
     if (!socket.is_open()) return;
     if (!error) return Receive();
     record.sawEnd = true;
@@ -101,12 +103,14 @@ void Endpoint::OnReceived(std::error_code error, std::size_t size) {
 
 void Endpoint::OnStallOver(std::error_code error) {
     stalling = false;
+    record.stalledUntil = Clock::now();
     if (!error) Receive();
 }
 
 void Endpoint::OnResetTime(std::error_code error) {
     if (error || !socket.is_open()) return;
     record.reset = true;
+    record.finishedAt = Clock::now();
     std::error_code ignored;
     socket.set_option(asio::socket_base::linger(true, 0), ignored);
     Close();

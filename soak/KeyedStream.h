@@ -8,15 +8,15 @@ namespace soak {
 
 enum class Direction : std::uint64_t { ToService = 1, ToClient = 2 };
 
-/// The bytes that one direction of one session carries. Every byte can be told from its position, the session
-/// and the direction alone: eight bytes of session number, little-endian, by which a service learns whom it
-/// talks to, then noise that no other stream has at the same place.
+/// The bytes that one direction of one session carries. Session, direction and position determine every byte.
+/// The first eight are the session's number, little-endian, by which a service finds out which session it
+/// has. Noise follows, which differs from that of all other streams.
 class KeyedStream {
 public:
     KeyedStream(std::uint64_t seed, std::uint64_t sessionNumber, Direction direction);
 
     void Fill(std::uint64_t position, char* bytes, std::size_t size) const;
-    /// How many of `bytes`, taken as the stream's at `position`, are not what belongs there.
+    /// How many of `bytes` are not those that the stream has from `position` on.
     std::size_t CountWrong(std::uint64_t position, std::string_view bytes) const;
 
     static constexpr std::size_t numberBytes = 8;
@@ -28,7 +28,7 @@ private:
     std::uint64_t number, key;
 };
 
-/// A well mixed 64-bit value of another.
+/// Maps a number to another one that looks random.
 std::uint64_t Mixed(std::uint64_t value);
 
 }  // namespace soak

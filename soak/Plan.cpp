@@ -14,15 +14,15 @@ const char* NameOf(Ending ending) {
     return names.at(static_cast<std::size_t>(ending));
 }
 
-// Not the standard library's distributions: theirs may differ from one library to the next,
-// and a seed should not.
+// Without the standard library's distributions, because their draws differ from one library to the next, and
+// a seed should always mean the same.
 std::uint64_t Draw(Random& random, std::uint64_t low, std::uint64_t high) {
     return low + random() % (high - low + 1);
 }
 
 namespace {
 
-/// With its pauses, none takes longer than some seconds.
+/// No session takes longer than some seconds, with all its pauses.
 constexpr std::size_t mostPieces = 1000;
 
 bool OneIn(Random& random, std::uint64_t count) { return Draw(random, 1, count) == count; }
@@ -31,8 +31,8 @@ milliseconds DrawTime(Random& random, std::uint64_t low, std::uint64_t high) {
     return milliseconds(Draw(random, low, high));
 }
 
-/// Every order of magnitude is as likely as the others: most sessions are small, most bytes
-/// are in large ones.
+/// Every order of magnitude is as likely as the others, so most sessions are small, and most bytes are in
+/// large ones.
 std::uint64_t DrawSize(Random& random) {
     const std::uint64_t limit = std::uint64_t{1} << Draw(random, 4, 23);
     return Draw(random, 8, limit);
@@ -46,10 +46,29 @@ EndPlan DrawEnd(Random& random) {
     return end;
 }
 
-/// Long enough for every buffer on the way to fill, when so much comes.
+/// More than all kernels' buffers on the way take, so that the rest waits in one of the programs.
+constexpr std::uint64_t backlogBytes = 4000000;
+
 void DrawStall(Random& random, EndPlan& end, std::uint64_t longest) {
     end.stallAt = Draw(random, 8, 300000);
     end.stall = DrawTime(random, 200, longest);
+}
+
+/// The client ends while much waits in the agent for the service, which goes on reading before the agent's
+/// delay is over: it has to get everything.
+void DrawBacklogAtEnd(Random& random, Plan& plan) {
+    plan.client.bytesToSend = Draw(random, backlogBytes, 2 * backlogBytes);
+    plan.client.maxPieceBytes = 131072;
+    plan.client.pause = {};
+    plan.service.stallAt = Draw(random, 8, 20000);
+    plan.service.stall = DrawTime(random, 150, 350);
+}
+
+/// The client reads on, and has to get everything as well.
+void DrawClientStall(Random& random, Plan& plan) {
+    DrawStall(random, plan.client, 1000);
+    plan.service.bytesToSend = plan.client.stallAt + Draw(random, 0, backlogBytes);
+    plan.service.maxPieceBytes = 131072;
 }
 
 Ending DrawEnding(Random& random) {
@@ -80,8 +99,20 @@ Plan DrawPlan(Random& random) {
     plan.client = DrawEnd(random);
     plan.service = DrawEnd(random);
     if (OneIn(random, 12)) DrawStall(random, plan.service, 4000);
-    if (OneIn(random, 25)) DrawStall(random, plan.client, 1500);
+    if (OneIn(random, 25)) DrawClientStall(random, plan);
+    if (plan.ending == Ending::ClientCloses && OneIn(random, 6)) DrawBacklogAtEnd(random, plan);
     Apply(random, plan);
+    return plan;
+}
+
+Plan DrawSmallPlan(Random& random) {
+    constexpr std::uint64_t mostBytes = 4096;
+    Plan plan;
+    plan.ending = DrawEnding(random);
+    for (EndPlan* end : {&plan.client, &plan.service}) end->bytesToSend = Draw(random, 8, mostBytes);
+    Apply(random, plan);
+    for (EndPlan* end : {&plan.client, &plan.service})
+        if (end->resetAfter.count() > 0) end->resetAfter = DrawTime(random, 5, 100);
     return plan;
 }
 

@@ -9,7 +9,7 @@ namespace soak {
 
 namespace {
 
-/// Debug, not verbose: what happens to sessions, but not every piece of data.
+/// At level debug the agent logs the life of each session, and nothing for each piece of data.
 lab::AgentSettings Settings(const std::vector<Door>& doors) {
     lab::AgentSettings settings;
     for (const Door& door : doors) settings.routes.emplace_back(door.service, door.devicePort);
@@ -34,7 +34,7 @@ std::vector<std::string> Environment() {
             "DVR_USERNAME=" + settings.dvrUsername,
             "DVR_PASSWORD=" + settings.dvrPassword,
             std::string("LD_PRELOAD=") + FAKETIME_LIBRARY,
-            "FAKETIME=+0 x10",
+            "FAKETIME=+0 x" + std::to_string(Agent::clockSpeed),
             "ASAN_OPTIONS=verify_asan_link_order=0"};
 }
 
@@ -42,14 +42,18 @@ std::vector<std::string> Environment() {
 
 Server::Server(asio::io_context& loop, const std::filesystem::path& folder, const std::vector<Door>& doors,
                const std::function<unsigned short()>& portPicker, OnLine lineHandler)
-    : io(loop), log(folder / "server.log"), ssoPort(portPicker()), onLine(std::move(lineHandler)) {
+    : io(loop),
+      log(folder / "server.log"),
+      ssoPort(portPicker()),
+      tunnelPort(portPicker()),
+      onLine(std::move(lineHandler)) {
     arguments = {LAB_PROGRAM,
                  "--sso-port",
                  std::to_string(ssoPort),
                  "--api-port",
                  std::to_string(portPicker()),
                  "--tunnel-port",
-                 std::to_string(portPicker())};
+                 std::to_string(tunnelPort)};
     for (const Door& door : doors)
         arguments.insert(arguments.end(),
                          {"--local-port", door.service + "=" + std::to_string(door.clientPort)});
@@ -73,7 +77,8 @@ Agent::Agent(asio::io_context& io, const std::filesystem::path& folder, const st
               }) {}
 
 Holdings Agent::Holds() const {
-    return {process.Descriptors(), process.Status("Threads"), process.Status("VmRSS")};
+    const support::Process& running = process.Process();
+    return {running.Descriptors(), running.Status("Threads"), running.Status("RssAnon")};
 }
 
 }  // namespace soak

@@ -3,10 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <iomanip>
 #include <iostream>
+#include <limits>
 
+#include "soak/BreakConnection.h"
 #include "soak/Ledger.h"
 
 namespace soak {
@@ -18,15 +21,18 @@ namespace {
 
 constexpr milliseconds tick{50};
 constexpr seconds longestWarmUp{60};
-/// Twenty of the agent's seconds: it keeps a session for ten after its end.
+/// Twenty of the agent's seconds, because it keeps a session for ten seconds after its end.
 constexpr seconds quietTime{2};
-/// Until the last session must have ended: as long as the slowest plan and the server's delays may take.
+/// The last session must have ended by then, after the slowest plan and all of the server's delays.
 constexpr seconds settleLimit{60};
 /// The agent tries three times, up to thirty of its seconds each, before it registers with the new server.
 constexpr seconds returnLimit{45};
 constexpr std::size_t mostSessions = 300;
-/// What fragments of the heap may come to in a process that has moved gigabytes in pieces of every size.
-constexpr std::size_t memorySlackKibibytes = 4096;
+/// The first stage is the warm-up, the second the main part, the others are bursts.
+constexpr std::size_t mainStage = 1, stages = 5;
+constexpr std::size_t burstSessions = 1000;
+/// More than this in every burst is a leak.
+constexpr double mostBytesPerSession = 512;
 constexpr std::size_t mostFaultsShown = 20;
 
 }  // namespace
@@ -42,8 +48,8 @@ Soak::Soak(seconds length, std::uint64_t seed, const std::filesystem::path& fold
           [this](const ServerLine& line, const std::string& text) { OnServerLine(line, text); }),
       configurationFolder(folder) {}
 
-// From below the range that the kernel takes for connections: nobody else gets the port while
-// the server is down.
+// From below the range that the kernel takes for connections, so that nobody gets the port while the server
+// is down.
 unsigned short Soak::FreePort() {
     for (;; ++nextPort) {
         const auto port = static_cast<unsigned short>(20000 + nextPort % 10000);
@@ -68,10 +74,11 @@ bool Soak::Run() {
 }
 
 void Soak::OpenSometimes() {
-    openTimer.expires_after(milliseconds(Draw(random, 10, 90)));
+    openTimer.expires_after(IsBurst() ? milliseconds(1) : milliseconds(Draw(random, 10, 90)));
     openTimer.async_wait([this](std::error_code) {
         if (phase == Phase::Over) return;
-        if (IsWorking() && agent && traffic.Living() < mostSessions) traffic.Open();
+        const bool mayOpen = phase == Phase::Working && agent && life != Life::Breaking;
+        if (mayOpen && traffic.Living() < mostSessions) traffic.Open(IsBurst() ? DrawSmallPlan : DrawPlan);
         OpenSometimes();
     });
 }
@@ -86,14 +93,14 @@ void Soak::Tick() {
 
 void Soak::OnTick() {
     traffic.Tick();
-    WatchServer();
+    WatchTunnel();
     WatchPhase();
     if (!agent || !agent->HasEnded()) return;
     Fault("the agent has ended");
     phase = Phase::Over;
 }
 
-// ---- The server's lives
+// ---- The tunnel's lives
 
 void Soak::OnServerLine(const ServerLine& line, const std::string& text) {
     using Kind = ServerLine::Kind;
@@ -102,19 +109,28 @@ void Soak::OnServerLine(const ServerLine& line, const std::string& text) {
                       [this](const AgentLine& words) { traffic.OnAgentLine(words); });
     traffic.OnServerLine(line);
     if (line.kind == Kind::Connected) OnServing();
-    if (line.kind == Kind::Disconnected && life == Life::Serving) Fault("unasked: " + text);
-    if (line.kind == Kind::Error && life == Life::Serving) Fault("the server says: " + text);
+    if (line.kind == Kind::Disconnected) OnDisconnected(text);
+    if (line.kind == Kind::Error && life == Life::Serving) Fault("the server reports: " + text);
 }
 
 void Soak::OnServing() {
     life = Life::Serving;
     quietSince = Clock::now();
-    nextDeath = Clock::now() + milliseconds(Draw(random, 6000, 20000));
+    nextDisturbance = Clock::now() + milliseconds(Draw(random, 4000, 14000));
 }
 
-void Soak::WatchServer() {
-    if (life == Life::Serving && IsWorking() && Clock::now() >= nextDeath) KillServer();
-    if (life == Life::Starting && Clock::now() - lifeStart > returnLimit) {
+void Soak::OnDisconnected(const std::string& text) {
+    if (life == Life::Serving) Fault("the tunnel ended without a reason: " + text);
+    if (life == Life::Dying) return;
+    traffic.Strike();
+    life = Life::Starting;
+    lifeStart = Clock::now();
+}
+
+void Soak::WatchTunnel() {
+    const bool mayDisturb = phase == Phase::Working && !IsBurst();
+    if (life == Life::Serving && mayDisturb && Clock::now() >= nextDisturbance) Disturb();
+    if ((life == Life::Starting || life == Life::Breaking) && Clock::now() - lifeStart > returnLimit) {
         Fault("the agent does not come back");
         phase = Phase::Over;
     }
@@ -126,27 +142,54 @@ void Soak::WatchServer() {
     server.Start();
 }
 
-// In turn without a word, and in good order.
-void Soak::KillServer() {
-    life = Life::Dying;
+// In turn: the network fails on the agent's side, the server is killed, the network fails on the server's
+// side, the server ends in good order.
+void Soak::Disturb() {
     traffic.Strike();
-    server.Signal(++deaths % 2 == 1 ? SIGKILL : SIGTERM);
+    switch (disturbances++ % 4) {
+        case 0: return BreakTunnel(agent->Pid());
+        case 1: return KillServer(SIGKILL);
+        case 2: return BreakTunnel(server.Process().Pid());
+        default: return KillServer(SIGTERM);
+    }
+}
+
+void Soak::BreakTunnel(pid_t process) {
+    life = Life::Breaking;
+    lifeStart = Clock::now();
+    ++breaks;
+    if (!BreakConnection(process, server.TunnelPort())) Fault("there is no tunnel to break");
+}
+
+void Soak::KillServer(int signal) {
+    life = Life::Dying;
+    ++deaths;
+    server.Process().Signal(signal);
 }
 
 // ---- The phases
 
+bool Soak::IsBurst() const { return stage > mainStage; }
+
 void Soak::NextPhase(Phase next) {
     phase = next;
     phaseStart = quietSince = Clock::now();
-    phaseEnd = next == Phase::Working ? std::max(workEnd, phaseStart + tick) : phaseStart + settleLimit;
+    const bool isMain = next == Phase::Working && stage == mainStage;
+    phaseEnd = isMain ? std::max(workEnd, phaseStart + tick) : phaseStart + settleLimit;
+}
+
+// A burst that opens too few sessions ends with its limit of time.
+bool Soak::HasWorked() const {
+    const bool hasOpened = IsBurst() && traffic.Opened() - looks.back().sessions >= burstSessions;
+    return hasOpened || Clock::now() >= phaseEnd;
 }
 
 void Soak::WatchPhase() {
-    if (IsWorking()) {
-        if (Clock::now() < phaseEnd) return;
-        return NextPhase(phase == Phase::WarmUp ? Phase::WarmUpSettling : Phase::Settling);
-    }
     if (phase == Phase::Over) return;
+    if (phase == Phase::Working) {
+        if (HasWorked()) NextPhase(Phase::Settling);
+        return;
+    }
     if (IsSettled()) return LookAtAgent();
     if (Clock::now() < phaseEnd) return;
     Fault("no quiet:" + traffic.NamesOfLiving());
@@ -159,8 +202,8 @@ bool Soak::IsSettled() {
 }
 
 void Soak::LookAtAgent() {
-    holdings.push_back(agent->Holds());
-    NextPhase(phase == Phase::WarmUpSettling ? Phase::Working : Phase::Over);
+    looks.push_back({traffic.Opened(), agent->Holds()});
+    NextPhase(++stage == stages ? Phase::Over : Phase::Working);
 }
 
 // ---- The report
@@ -171,33 +214,59 @@ void Soak::Fault(const std::string& text) {
 }
 
 bool Soak::Report() {
-    Ledger ledger;
-    for (const Account& account : traffic.Accounts()) {
-        ledger.Enter(account);
-        if (!Balances(account)) std::cout << account;
-    }
-    ledger.Print(std::cout);
-    if (!ledger.Balances()) Fault("the ledger does not balance");
-    if (!ReportAgent()) Fault("the agent does not hold what it held after the warm-up");
-    std::cout << "server\n"
-              << std::setw(16) << deaths << "  deaths, every other one without a word\n"
+    CheckAccounts();
+    CheckAgent();
+    if (deaths == 0 || breaks == 0) Fault("the run was too short: no server died, or no tunnel broke");
+    std::cout << "tunnel\n"
+              << std::setw(16) << deaths << "  deaths of the server, every other one without notice\n"
+              << std::setw(16) << breaks << "  breaks while the server lived\n"
               << "faults\n"
-              << std::setw(16) << faults.size() << "  things that must not be\n";
+              << std::setw(16) << faults.size() << "  in all\n";
     return faults.empty();
 }
 
-bool Soak::ReportAgent() {
-    if (holdings.size() < 2) return false;
-    const Holdings &before = holdings.front(), &after = holdings.back();
-    const auto line = [](const char* what, std::size_t first, std::size_t last) {
-        std::cout << std::setw(16) << last << "  " << what << ", " << first << " after the warm-up\n";
-    };
-    std::cout << "the idle agent at the end\n";
-    line("descriptors", before.descriptors, after.descriptors);
-    line("threads", before.threads, after.threads);
-    line("KiB resident (4096 more would do)", before.residentKibibytes, after.residentKibibytes);
-    return after.descriptors == before.descriptors && after.threads == before.threads &&
-           after.residentKibibytes <= before.residentKibibytes + memorySlackKibibytes;
+void Soak::CheckAccounts() {
+    Ledger ledger;
+    for (const Account& account : traffic.Accounts()) {
+        ledger.Enter(account);
+        const std::string fault = FaultIn(account);
+        if (fault.empty()) continue;
+        Fault("session " + std::to_string(account.number) + ": " + fault);
+        if (faults.size() <= mostFaultsShown) std::cout << account;
+    }
+    ledger.Print(std::cout);
+    if (ledger.ClientStalls() == 0) Fault("the run was too short: no client stopped reading for a while");
+}
+
+// What the allocator keeps grows now and then, but a leak grows in every burst.
+double Soak::LeastGrowth() const {
+    double least = std::numeric_limits<double>::max();
+    for (std::size_t i = mainStage + 1; i < looks.size(); ++i) {
+        const Look &before = looks[i - 1], &after = looks[i];
+        const auto grown =
+            static_cast<double>(after.holdings.kibibytes) - static_cast<double>(before.holdings.kibibytes);
+        least = std::min(least, 1024 * grown / static_cast<double>(after.sessions - before.sessions));
+    }
+    return least;
+}
+
+void Soak::CheckAgent() {
+    if (looks.size() < stages) return;  // there is a fault already
+    std::cout << "the idle agent after the warm-up, the main part and each burst of small sessions\n";
+    for (const auto& [sessions, held] : looks) {
+        std::cout << std::setw(16) << sessions << "  sessions, then " << held.descriptors << " descriptors, "
+                  << held.threads << " threads, " << held.kibibytes << " KiB\n";
+        const Holdings& first = looks.front().holdings;
+        if (held.descriptors != first.descriptors)
+            Fault("the agent's descriptors are not those it began with");
+        if (held.threads != first.threads) Fault("the agent's threads are not those it began with");
+    }
+    const double growth = LeastGrowth();
+    std::cout << std::setw(16) << std::lround(growth)
+              << "  bytes for each session, in the burst with the least\n";
+    if (growth > mostBytesPerSession)
+        Fault("the agent's memory grows by " + std::to_string(std::lround(growth)) +
+              " bytes for each session");
 }
 
 }  // namespace soak

@@ -14,7 +14,7 @@ constexpr std::size_t openRoutes = 3;
 constexpr std::chrono::seconds openingLimit{20};
 /// A service's connection may come as late as this after its client's.
 constexpr std::chrono::seconds serviceLimit{10};
-/// How long after somebody's stall others may still feel it.
+/// How long after the stall of one client it may still delay other sessions.
 constexpr std::chrono::seconds stallEffect{2};
 
 const tcp::endpoint anyPort(asio::ip::address_v4::loopback(), 0);
@@ -65,8 +65,8 @@ void Traffic::OnService(std::size_t route, tcp::socket socket) {
         [this, caller](std::error_code error, std::size_t size) { OnNumber(error, size, *caller); });
 }
 
-// Without a byte it is a session whose client or server went away at once; it still has to be
-// a whole number or none.
+// A caller without a byte belongs to a session whose client or server went away at once. A part of a number
+// is a fault.
 void Traffic::OnNumber(std::error_code error, std::size_t size, Caller& caller) {
     if (size == 0) return;
     const auto number = error ? 0 : KeyedStream::NumberIn({caller.number.data(), caller.number.size()});
@@ -94,11 +94,11 @@ KeyedStream Traffic::Stream(const Entry& entry, Direction direction) const {
 
 // ---- Clients
 
-void Traffic::Open() {
+void Traffic::Open(Plan (*drawPlan)(Random&)) {
     if (isConnecting || opening != nullptr) return;
     Entry& entry = entries.emplace_back();
     entry.account.number = entries.size();
-    entry.account.plan = DrawPlan(random);
+    entry.account.plan = drawPlan(random);
     const bool refused = entry.account.plan.ending == Ending::ServiceRefuses;
     entry.account.route = refused ? openRoutes : Draw(random, 0, openRoutes - 1);
     entry.openedAt = Clock::now();
@@ -126,7 +126,7 @@ void Traffic::OnNoServer(const Entry& entry) {
     if (opening == &entry) opening = nullptr;
 }
 
-// ---- What the programs say
+// ---- The programs' lines
 
 void Traffic::OnServerLine(const ServerLine& line) {
     using Kind = ServerLine::Kind;
@@ -170,7 +170,7 @@ bool Traffic::SomebodyStalls() const {
 void Traffic::Tick() {
     if (SomebodyStalls()) lastStall = Clock::now();
     if (opening == nullptr || Clock::now() - opening->openedAt < openingLimit) return;
-    onFault("the server says nothing of session " + std::to_string(opening->account.number));
+    onFault("no line of the server names session " + std::to_string(opening->account.number));
     opening = nullptr;
 }
 

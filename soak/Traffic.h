@@ -16,16 +16,17 @@
 
 namespace soak {
 
-/// All the sessions: their clients, their services, and the account of each.
+/// All the sessions, with their clients, their services, and the account of each.
 ///
-///   Open -> OnConnected and OnServerLine, whichever is first: then the next. One at a time, so that it is
-///   certain whom the server means. OnService -> OnNumber: the first bytes tell which session it is
+///   Open -> OnConnected and OnServerLine, in any order; only then the next one is opened, so that it is
+///           certain which of them a line of the server means
+///   OnService -> OnNumber: the first bytes tell which session the service's caller belongs to
 ///
 /// All on the event loop's one thread.
 class Traffic {
 public:
     /// Opens the services' ports. @param freePort yields one for the clients of each route
-    /// @param faultHandler called with what must not be
+    /// @param faultHandler called with the text of each fault
     Traffic(asio::io_context& loop, std::uint64_t streamSeed, const std::function<unsigned short()>& freePort,
             std::function<void(const std::string&)> faultHandler);
     Traffic(const Traffic&) = delete;
@@ -33,20 +34,22 @@ public:
 
     const std::vector<Door>& Doors() const { return doors; }
 
-    void Open();  ///< the next session, unless one is just being opened
+    /// Opens the next session, unless one is just being opened.
+    void Open(Plan (*drawPlan)(Random&));
     void OnServerLine(const ServerLine& line);
     void OnAgentLine(const AgentLine& line);
-    void Strike();        ///< the server is about to die: whatever lives now may lose bytes
-    void OnServerGone();  ///< it has, and all that it said has been told
+    void Strike();        ///< the tunnel dies: whatever lives now may lose bytes
+    void OnServerGone();  ///< the server is dead, and all of its lines have been handled
     void Tick();          ///< to be called a few times a second
 
+    std::size_t Opened() const { return entries.size(); }
     std::size_t Living() const { return clients.size() + services.size(); }
     std::string NamesOfLiving() const;
-    /// Every session's, with what the two programs said; when none lives any more.
+    /// Every session's, complete when none lives any more.
     std::vector<Account> Accounts() const;
 
 private:
-    using Key = std::pair<std::uint64_t, std::string>;  // which connection of the device, which session on it
+    using Key = std::pair<std::uint64_t, std::string>;  // number of the tunnel, id of the session in it
     struct Entry {
         Account account;
         Key key;
@@ -56,7 +59,7 @@ private:
         std::unique_ptr<asio::ip::tcp::acceptor> acceptor;
         std::unique_ptr<asio::ip::tcp::socket> refusing;  // bound, but not listening
     };
-    struct Caller;  // a connection to a service that has not said yet which session it is
+    struct Caller;  // a connection to a service whose session is not known yet
 
     void AddService(unsigned short clientPort);
     void AddRefusal(unsigned short clientPort);
@@ -82,7 +85,7 @@ private:
     std::map<Key, Entry*> atServer;
     std::map<Key, AgentWords> agentWords;
     std::uint64_t serverConnections = 0, agentConnections = 0;
-    Entry* opening = nullptr;  // the server has not spoken of it yet
+    Entry* opening = nullptr;  // no line of the server has named it yet
     bool isConnecting = false;
     Clock::time_point lastStall;
 };

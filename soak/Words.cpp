@@ -32,7 +32,7 @@ struct Phrase {
     bool AgentWords::*word;
 };
 
-// A read that failed is told apart from the service's end by the error's number.
+// The number of the error tells the service's end from a read that failed.
 constexpr std::string_view readEnd = ", (2) ";
 constexpr Phrase phrases[] = {
     {"[TunnelClient:323] Session ", " ended", &AgentWords::endedByServer},

@@ -4,7 +4,7 @@
 
 #include "soak/Account.h"
 
-/// What the two programs say on their standard output, taken apart.
+/// Reads the lines that the two programs write to their standard output.
 namespace soak {
 
 struct ServerLine {
@@ -16,9 +16,9 @@ struct ServerLine {
 ServerLine ReadServerLine(const std::string& line);
 
 struct AgentLine {
-    bool isVerified = false;           ///< the server has greeted it: a new connection serves
+    bool isVerified = false;           ///< the server has greeted it, so a new connection serves
     std::string session;               ///< "": the line is of no interest
-    bool AgentWords::*word = nullptr;  ///< what is now known of that session
+    bool AgentWords::*word = nullptr;  ///< the fact that the line tells of that session
 };
 /// @param line with its time, level debug is enough
 AgentLine ReadAgentLine(const std::string& line);

@@ -34,13 +34,15 @@ const char* TextOf(Reason reason) {
 
 namespace {
 
-// Without a stop, all of it was owed. After one, what was sent before it, as long as there was time.
+// Without a stop all bytes were due. After a stop only those that were sent before it were due, if there was
+// time.
 bool HadTimeForAll(const Facts& facts) {
     const bool wasOwed = facts.receivedDown < facts.dueDown;
     return wasOwed && facts.waited >= patience && facts.endedAt - facts.stoppedAt >= patience;
 }
 
-// In order, and nothing on its way to it that the kernel would have answered with a reset.
+// Whether it ended in good order, with no bytes on their way to it: the kernel would have answered those with
+// a reset.
 bool EndedInOrder(const Facts& facts) {
     return !facts.hasReset && (facts.hasShutDown || (facts.hasClosed && facts.sentDown == 0));
 }
@@ -60,8 +62,8 @@ Reason WhyMissingDown(const Facts& facts) {
     return facts.isCut ? Reason::TunnelCut : Reason::Unexplained;
 }
 
-// The agent queues what it has read before it queues disconnect-session, and the tunnel keeps the order. So whatever
-// else happens, that message comes behind all bytes of a service that ended in order.
+// The agent queues the bytes that it has read before it queues disconnect-session, and the tunnel keeps the
+// order. So that message always comes after all bytes of a service that ended in good order.
 Reason WhyMissingUp(const Facts& facts) {
     if (facts.isDisconnected && EndedInOrder(facts) && !facts.isOddId) return Reason::Unexplained;
     if (facts.isOddId) return Reason::OddId;

@@ -9,13 +9,13 @@ namespace storm {
 
 using Clock = std::chrono::steady_clock;
 
-/// What both ends of one opening have seen and done. "Down" is from the server to the service, "up" the other way.
+/// The record of both ends of one opening. "Down" is from the server to the service, "up" the other way.
 /// An opening is one new_session message: an id that is used twice has two.
 struct Facts {
     std::uint64_t sentDown = 0;  ///< in frames of which the kernel has every byte
     std::uint64_t sentUp = 0;    ///< taken by the kernel
     std::uint64_t receivedDown = 0, receivedUp = 0;
-    std::uint64_t wrongDown = 0, wrongUp = 0;  ///< of those received, not what belongs at their place
+    std::uint64_t wrongDown = 0, wrongUp = 0;  ///< received bytes that do not belong at their place
 
     bool isOddId = false;     ///< not 16 characters: such a session has no data down, and stops up for good
     bool isRefused = false;   ///< nobody listens at the service's port
@@ -24,14 +24,14 @@ struct Facts {
     bool isCut = false;       ///< the tunnel was broken by the server
     bool isDisconnected = false;  ///< disconnect-session has come
 
-    /// What the service did itself before it saw the agent's end.
+    /// The service did this itself, before it saw the agent's end.
     bool hasShutDown = false, hasClosed = false, hasReset = false;
 
-    /// The first event after which the agent keeps the service's socket for the delay of a stop only; bytes sent down
-    /// before it are due.
+    /// The first event after which the agent keeps the service's socket for the delay of a stop only; bytes
+    /// sent down before it are due.
     Clock::time_point stoppedAt = Clock::time_point::max();
     std::uint64_t dueDown = 0;
-    /// Between nothing more to read and the agent's end, at the service.
+    /// How long the service had waited for bytes when it saw the agent's end.
     std::chrono::milliseconds waited{0};
     Clock::time_point endedAt;  ///< when the service saw the agent's end
 
@@ -39,7 +39,7 @@ struct Facts {
     void Stop(Clock::time_point now);
     /// The tunnel goes, but not before the agent has read all of it.
     void Cut(Clock::time_point now);
-    /// It goes at once, and with it what the agent had not read yet.
+    /// It goes at once, and with it the bytes that the agent had not read yet.
     void CutShort(Clock::time_point now);
 };
 
@@ -58,15 +58,15 @@ enum class Reason {
 constexpr std::size_t reasons = static_cast<std::size_t>(Reason::Unexplained) + 1;
 const char* TextOf(Reason reason);
 
-/// Why bytes that were sent have not come; of no meaning when all have.
+/// Why bytes that were sent have not come. Call it only when some have not.
 Reason WhyMissingDown(const Facts& facts);
 Reason WhyMissingUp(const Facts& facts);
 
-/// What is wrong with the account of an opening that is over; "" when it balances.
+/// The fault in the account of an opening that is over; "" when it balances.
 std::string FaultIn(const Facts& facts);
 
-/// A service that waited so long, and so long after the stop, was owed nothing any more: its bytes need a few
-/// milliseconds. Only a run whose delays are longer can tell.
+/// When a service has waited for this long, and for this long after the stop, all bytes have had time to
+/// come, because they need a few milliseconds. Only runs with longer delays can check that.
 constexpr std::chrono::milliseconds patience{1000};
 
 }  // namespace storm

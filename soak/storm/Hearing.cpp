@@ -11,7 +11,7 @@ namespace storm {
 namespace {
 
 constexpr std::size_t mostDataBytes = 16384;
-constexpr int mostFramesOfOddId = 20;  // none of them is ever counted as written
+constexpr int mostFramesOfOddId = 20;  // the agent never counts them as written, so it pauses for good
 
 std::vector<std::string> Names(const std::string& json) {
     std::vector<std::string> names;

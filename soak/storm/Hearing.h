@@ -12,17 +12,17 @@
 
 namespace storm {
 
-/// Reads what the agent sends, and checks all of it: frames, signatures, the order of messages, and the bytes of the
-/// sessions. Knows no socket.
+/// Reads what the agent sends, and checks all of it: frames, signatures, the order of messages, and the bytes
+/// of the sessions. Knows no socket.
 ///
-/// Of an id that was opened twice, whatever comes before the second connected-session is the first one's: the agent
-/// drops the first session when it queues that message, and its queue keeps the order.
+/// When an id was opened twice, everything before the second connected-session belongs to the first opening,
+/// because the agent drops the first session when it queues that message, and its queue keeps the order.
 class Hearing {
 public:
-    /// @param faultHandler called with what must not be
+    /// @param faultHandler called with the text of each fault
     explicit Hearing(std::function<void(const std::string&)> faultHandler);
 
-    /// The agent will be asked for it. In the order in which it will.
+    /// The agent will be asked for this opening. To be called in the order in which it is asked.
     void Expect(Opening& opening);
     char* Room(std::size_t bytes) { return reader.Room(bytes); }
     /// @param hasSigned whether the server has begun to send a signed message
@@ -47,7 +47,7 @@ private:
     std::map<std::string, Opening*, std::less<>> onWire;   // by what is in the headers
 };
 
-/// What the header of a data frame has in the place of an id.
+/// The id as the header of a data frame carries it.
 std::string IdOnWire(const std::string& id);
 
 }  // namespace storm

@@ -35,7 +35,7 @@ private:
     std::uint64_t openings = 0, oddIds = 0, replaced = 0;
 };
 
-/// All that is known of it, for whoever looks for the fault.
+/// Everything that is known of an opening, for whoever looks for the fault.
 std::ostream& operator<<(std::ostream& out, const Opening& opening);
 
 }  // namespace storm

@@ -14,7 +14,7 @@ class Service;
 
 /// One new_session message and what follows from it.
 struct Opening {
-    std::uint64_t key = 0;  ///< tells its bytes from those of all others, whatever its id
+    std::uint64_t key = 0;  ///< tells its bytes from those of all others, even of the same id
     std::string id;
     OpeningPlan plan;
     soak::KeyedStream down, up;

@@ -38,10 +38,10 @@ const char* NameOf(Break kind) {
 namespace {
 
 constexpr unsigned largestStreamBits = 23;
-constexpr std::uint64_t mostSmallWrites = 1000;  // of one byte each, or some; more would only take time
+constexpr std::uint64_t mostSmallWrites = 1000;  // more of them would only take time
 constexpr std::uint64_t mostFrames = 3000;       // of one opening
 
-/// Most streams are small, most bytes are in large ones.
+/// Most streams are small, and most bytes are in large ones.
 std::uint64_t DrawStream(Random& random) {
     const auto lot = Draw(random, 1, 8);
     if (lot == 1) return 0;
@@ -85,8 +85,8 @@ void DrawWriting(Random& random, OpeningPlan& plan) {
     if (OneIn(random, 6)) plan.writePause = DrawTime(random, 1, 5);
 }
 
-/// The service begins to read only when more has been sent than the kernel keeps for it, and the session has ended:
-/// then the agent has something left.
+/// The service begins to read when the session has ended, and when more bytes have been sent than the kernel
+/// keeps for it. So the agent still has some of them.
 void MakeLag(Random& random, OpeningPlan& plan) {
     plan.isLagging = true;
     plan.manner = Manner::Prompt;
@@ -99,7 +99,8 @@ void MakeLag(Random& random, OpeningPlan& plan) {
     plan.acceptDelay = DrawTime(random, 50, 300);
 }
 
-// Its data goes nowhere, and its service is not read for long, not even to see its end: only the server can end it.
+// The agent drops the data of such a session and soon stops reading from its service, so it does not even see
+// the service's end. Only the server can end it.
 void MakeOdd(OpeningPlan& plan) {
     plan.hasOddId = true;
     if (plan.ending != Ending::ServiceRefuses) plan.ending = Ending::ServerMidway;

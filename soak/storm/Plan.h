@@ -46,7 +46,7 @@ struct OpeningPlan {
     milliseconds pause{0};             ///< its length
     milliseconds acceptDelay{0};       ///< of the service
     milliseconds serverEndsAfter{0};   ///< ServerMidway: then, or earlier
-    std::uint64_t serverEndsAt = 0;    ///< when so many bytes down have been queued
+    std::uint64_t serverEndsAt = 0;    ///< when this many bytes down have been queued
     milliseconds serviceGoesAfter{0};  ///< closes outright or, with ServiceResets, resets; 0: never
     bool isLagging = false;
     bool isSpokenToAfterwards = false;

@@ -9,13 +9,13 @@ using asio::ip::tcp;
 
 namespace {
 
-constexpr int smallBufferBytes = 16384;  // of one that stops reading, so that the agent notices soon
+constexpr int smallBufferBytes = 16384;  // of a service that stops reading, so that the agent notices soon
 constexpr int callsPerTurn = 8;
 constexpr std::size_t slowReadBytes = 4096;
 
 const tcp::endpoint anyPort(asio::ip::address_v4::loopback(), 0);
 
-/// For all services: between two calls nothing is kept in it.
+/// All services share it, because nothing stays in it between two calls.
 std::array<char, 262144> scratch;
 
 }  // namespace
@@ -89,7 +89,7 @@ void Service::OnWritable(std::error_code error) {
 
 void Service::OnSendPause(std::error_code error) { OnWritable(error); }
 
-// One that wants to hear all first comes here again when it has.
+// A service that waits for all bytes before it ends comes here again when it has them.
 void Service::Finish() {
     if (over || facts.hasShutDown || facts.sentUp < plan.up) return;
     if (plan.ending == Ending::ServiceCloses) return Leave(false);
@@ -97,7 +97,7 @@ void Service::Finish() {
     if (!isDone && plan.ending != Ending::ServiceShutsDown) return;
     std::error_code error;
     socket.shutdown(tcp::socket::shutdown_send, error);
-    if (error) return;  // the agent was first
+    if (error) return;  // the agent has closed first
     facts.hasShutDown = true;
 }
 
@@ -141,7 +141,7 @@ void Service::OnReadable(std::error_code error) {
     if (!error && !over) Receive();
 }
 
-// Something is read between two pauses, whatever the figures are.
+// It reads at least once between two pauses.
 void Service::OnReadPause(std::error_code error) {
     if (!error && !over && ReadSome()) Receive();
 }

@@ -9,16 +9,16 @@
 
 namespace storm {
 
-/// The service of one opening, at a port of its own, so that it is certain whom the agent means. It accepts one
-/// connection, sends its stream, checks the other one, and ends as planned.
+/// The service of one opening, at a port of its own, so that it is certain whom the agent means. It accepts
+/// one connection, sends its stream, checks the other one, and ends as planned.
 ///
 ///   Listen -> OnAccepted (-> Begin) -> Send <-> OnWritable or OnSendPause ... then Finish
-///                                      Receive <-> OnReadable or OnReadPause ... until the agent's end: Close
+///             OnAccepted (-> Begin) -> Receive <-> OnReadable or OnReadPause ... until the agent's end: Close
 ///             OnTimeToGo: closes or resets
-///   Abandon: whoever has not come by now does not come any more
+///   Abandon: no connection is expected any more
 ///
-/// Reads and writes are ordinary calls, between which it waits for the socket: so its figures are never behind the
-/// kernel's. All on the event loop's one thread.
+/// Reads and writes are ordinary calls, between which it waits for the socket, so its figures are never
+/// behind the kernel's. All on the event loop's one thread.
 class Service : public std::enable_shared_from_this<Service> {
 public:
     /// @param account outlives the service

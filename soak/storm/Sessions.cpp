@@ -10,7 +10,7 @@ namespace storm {
 
 namespace {
 
-/// On the server's side and on the service's. Nothing to be asked once the tunnel is broken.
+/// Whether server and service are done with it. It has no meaning once the tunnel is broken.
 bool IsOver(const Opening& opening) {
     const Facts& facts = opening.facts;
     if (facts.isRefused) return facts.isDisconnected || facts.isReplaced;
@@ -106,19 +106,19 @@ bool Sessions::Speak() {
     return false;
 }
 
-// The agent has had no time to get rid of the last frames.
+// The agent has had no time to pass the last frames on.
 void Sessions::EndInTheMiddle(Opening& opening) {
     const bool isTime = opening.composedDown >= opening.plan.serverEndsAt;
     if (opening.plan.ending == Ending::ServerMidway && isTime && !opening.isClosing) End(opening);
 }
 
-// A successor of the same id would get it.
+// Data for an id that was opened again would reach the later session.
 bool Sessions::MaySpeakTo(const Opening& opening) const {
     if (opening.composedDown == opening.plan.down || byId.at(opening.id) != &opening) return false;
     return opening.plan.isSpokenToAfterwards || (!opening.isClosing && !opening.facts.isDisconnected);
 }
 
-// Of one that still listens: should the agent pass a part of it on, the service gets more than whole frames.
+// It goes to a service that still reads, so that an agent that passes a part of a frame on is found out.
 void Sessions::BeginPayload() {
     std::vector<Opening*> listeners;
     for (Opening* opening : living) {

@@ -21,8 +21,8 @@ struct Surroundings {
     std::function<void(const std::string&)> onFault;
 };
 
-/// The sessions of one tunnel and their services: opens them, speaks to them, and ends them as planned. All that it
-/// sends goes through a Speech.
+/// The sessions of one tunnel and their services: opens them, speaks to them, and ends them as planned. All
+/// that it sends goes through a Speech.
 class Sessions {
 public:
     static constexpr std::size_t most = 1000;
@@ -34,7 +34,7 @@ public:
     void OpenSometimes(std::size_t atOnce);
     /// Ends those whose time has come.
     void EndSome(Clock::time_point now);
-    /// Composes a data frame of one of them. @return whether any had something to come
+    /// Composes a data frame of one of them. @return whether any had bytes left to send
     bool Speak();
     /// Composes the beginning of one, if any session is open.
     void BeginPayload();
@@ -42,9 +42,9 @@ public:
     bool NoneLives() const { return living.empty(); }
     std::uint64_t ReceivedDown() const;
     const std::vector<std::unique_ptr<Opening>>& Openings() const { return openings; }
-    /// Those that are not over, for whoever looks for a fault.
+    /// The openings that are not over, for whoever looks for a fault.
     std::vector<const Opening*> Living() const { return {living.begin(), living.end()}; }
-    /// No service waits for the agent any more.
+    /// Lets no service wait for the agent any more.
     void Abandon();
     /// Every service has seen the end.
     bool AreSettled() const;
@@ -66,7 +66,7 @@ private:
     Hearing& hearing;
     std::vector<std::unique_ptr<Opening>> openings;
     std::vector<Opening*> living;          // not over yet
-    std::vector<Opening*> speakers;        // those that may have something to come
+    std::vector<Opening*> speakers;        // those that may have bytes left to send
     std::map<std::string, Opening*> byId;  // the last of each
 };
 

@@ -82,7 +82,7 @@ void Speech::BeginHeader(Random& random) {
     buffer.Append({header.data(), Draw(random, 1, header.size() - 1)});
 }
 
-// Its bytes are the stream's next ones, so that only their number can be wrong.
+// The payload has the stream's next bytes, so that only their number can be wrong.
 void Speech::BeginPayload(Random& random, Opening& opening) {
     const std::size_t size = Draw(random, 1, lab::maxPayloadBytes), part = Draw(random, 0, size - 1);
     const auto header = lab::EncodeHeader(lab::dataFrame, size, opening.id);

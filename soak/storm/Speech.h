@@ -16,8 +16,8 @@ namespace storm {
 
 constexpr const char* password = "storm-secret";
 
-/// What the server will write: frames one after the other, and what becomes true when the last byte of each has left.
-/// Knows no socket.
+/// Composes the frames that the server will write, and updates an opening when the last byte of its frame has
+/// left. Knows no socket.
 class Speech {
 public:
     std::string_view Bytes() const { return buffer.Bytes(); }
@@ -37,7 +37,7 @@ public:
     void Noise(Random& random);
 
     void BeginHeader(Random& random);                     ///< a part of one
-    void BeginPayload(Random& random, Opening& opening);  ///< and of its payload
+    void BeginPayload(Random& random, Opening& opening);  ///< a header and a part of the payload
     void TooLarge(Random& random);
     void BadSignature();
     void Throw(Random& random);

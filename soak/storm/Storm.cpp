@@ -16,9 +16,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto mostSilence = 60s;  // of a client, or of sessions, that have something to do: a hang
+constexpr auto mostSilence = 60s;  // a client or a session with something to do hangs after that
 constexpr auto progressEvery = 5s;
-constexpr std::uint64_t patientEvery = 4;  // run, beginning with the first
+constexpr std::uint64_t patientEvery = 4;  // every fourth run is patient, beginning with the first
 constexpr std::uint64_t mostFaultsPrinted = 20;
 constexpr double megabyte = 1000000;
 
@@ -118,7 +118,7 @@ void Storm::EndTunnel() {
     settling.push_back(std::exchange(tunnel, nullptr));
 }
 
-// Its services may still read what the agent has left them.
+// Its services may still read bytes that the agent has written.
 void Storm::Settle() {
     while (!settling.empty() && settling.front()->IsSettled()) {
         const Tunnel& settled = *settling.front();

@@ -13,10 +13,12 @@
 
 namespace storm {
 
-/// The whole: a TunnelClient runs again and again on a thread of its own, against one tunnel after the other here.
+/// The whole storm. A TunnelClient runs again and again on a thread of its own, against one tunnel after the
+/// other.
 ///
-///   Run -> StartRun -> OnAccepted ... -> OnRunOver -> StartRun, until enough bytes have come; then the last tunnels
-///   settle. Watch: progress, and whoever does not get on.
+///   Run -> StartRun -> OnAccepted ... -> OnRunOver -> StartRun, until enough bytes have come
+///       -> Settle: the last tunnels end
+///   Watch: prints progress, and looks for a client or a tunnel that hangs
 ///
 /// A client that hangs cannot be stopped: then the process ends at once.
 class Storm {

@@ -40,7 +40,7 @@ void Tunnel::Start() {
     Tick({});
 }
 
-// ---- The server's mind
+// ---- The server's decisions
 
 void Tunnel::Tick(std::error_code error) {
     if (error || state == State::Gone) return;
@@ -94,7 +94,7 @@ void Tunnel::ComposePart() {
     if (plan.place == Place::InPayload) sessions.BeginPayload();
 }
 
-// Everything before it has left.
+// To be called when everything before the break has left.
 void Tunnel::BreakNow() {
     state = State::Broken;
     brokenAt = Clock::now();
@@ -155,7 +155,7 @@ bool Tunnel::WriteSome() {
         return false;
     }
     writeAfter = Clock::now() + writeMood.pause;
-    return !error;  // of an agent that has gone: the reading side sees it, too
+    return !error;  // an error means that the agent has gone; the reading side sees it, too
 }
 
 void Tunnel::OnWritable(std::error_code error) {

@@ -27,10 +27,10 @@ public:
     Tunnel(asio::io_context& loop, asio::ip::tcp::socket accepted, std::uint64_t tunnelNumber,
            Surroundings& storm);
     void Start();
-    /// Its life is over: breaks it as planned.
+    /// Breaks it as planned, now.
     void EndSoon() { lifeEnd = std::min(lifeEnd, Clock::now()); }
 
-    /// The agent has nothing of it any more: it connects anew, or its run is over.
+    /// The agent has left it: it connects again, or its run is over.
     void AgentIsGone();
     bool IsSettled() const { return sessions.AreSettled(); }
     bool IsBroken() const { return state >= State::Broken; }

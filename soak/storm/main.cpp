@@ -11,7 +11,8 @@
 #include "log/Log.h"
 #include "soak/storm/Storm.h"
 
-// tunnel-storm MEGABYTES SEED [LOG]: see scripts/storm.sh, which calls it. LOG is the base path of the client's log.
+// tunnel-storm MEGABYTES SEED [LOG]: see scripts/storm.sh, which calls it. LOG is the base path of the
+// client's log.
 namespace {
 
 std::uint64_t Read(std::string_view text) {

@@ -17,7 +17,6 @@ using soak::KeyedStream;
 using storm::Opening;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 const std::string id = "session-00000001";
 
@@ -37,20 +36,19 @@ const std::string verify =
 const std::string connected = About("connected-session"), disconnected = About("disconnect-session");
 const std::string heartbeat = Frame(lab::heartbeatFrame, "");
 
-/// Two openings of one id, and what is found wrong with what the agent sends.
+/// Two openings of one id, and the faults found in what the agent sends.
 struct Ears {
     Ears() {
-        hearing.Expect(first);
-        hearing.Expect(second);
+        for (Opening& each : opening) hearing.Expect(each);
     }
     void Hear(const std::string& bytes, bool hasSigned = true) {
         std::copy(bytes.begin(), bytes.end(), hearing.Room(bytes.size()));
         hearing.Received(bytes.size(), hasSigned);
     }
-    static std::string Data(const Opening& opening, std::size_t size, const std::string& session = id) {
+    std::string Data(int which, std::size_t size) const {
         std::string payload(size, ' ');
-        opening.up.Fill(opening.facts.receivedUp, payload.data(), size);
-        return Frame(lab::dataFrame, payload, session);
+        opening[which].up.Fill(opening[which].facts.receivedUp, payload.data(), size);
+        return Frame(lab::dataFrame, payload, id);
     }
     static Opening Make(std::uint64_t key) {
         return {
@@ -58,75 +56,51 @@ struct Ears {
     }
 
     std::vector<std::string> faults;
-    Opening first = Make(1), second = Make(2);
+    Opening opening[2] = {Make(1), Make(2)};
     storm::Hearing hearing{[this](const std::string& text) { faults.push_back(text); }};
 };
 
-TEST(HearingTest, GivesAnIdsDataToTheOpeningThatWasConnectedLast) {
+TEST(HearingTest, GivesAnIdsDataToTheOpeningThatWasConnectedLastAndCountsWrongBytes) {
     Ears ears;
+    const auto& first = ears.opening[0].facts;
+    const auto& second = ears.opening[1].facts;
     ears.Hear(verify);
-    ears.Hear(heartbeat + connected + Ears::Data(ears.first, 16384) + disconnected);
-    ears.Hear(connected + Ears::Data(ears.second, 1) + disconnected);
-    EXPECT_THAT(ears.faults, IsEmpty());
-    EXPECT_EQ(ears.first.facts.receivedUp, 16384U);
-    EXPECT_EQ(ears.second.facts.receivedUp, 1U);
-    EXPECT_EQ(ears.first.facts.wrongUp + ears.second.facts.wrongUp, 0U);
-    EXPECT_TRUE(ears.first.facts.isDisconnected && ears.second.facts.isDisconnected);
+    ears.Hear(heartbeat + connected + ears.Data(0, 16384));
+    EXPECT_EQ(first.receivedUp, 16384U);
+    EXPECT_EQ(first.wrongUp, 0U);
+    ears.Hear(disconnected + connected + ears.Data(1, 100) + ears.Data(1, 100) + disconnected);
+    EXPECT_THAT(ears.faults, testing::IsEmpty());
+    EXPECT_EQ(second.receivedUp, 200U);
+    EXPECT_GT(second.wrongUp, 90U) << "repeated bytes, of which one may be right by chance";
+    EXPECT_TRUE(first.isDisconnected && second.isDisconnected);
 }
 
-TEST(HearingTest, CountsForeignAndRepeatedBytes) {
-    Ears ears;
-    ears.Hear(verify + connected + Ears::Data(ears.first, 100) + Ears::Data(ears.first, 100));
-    EXPECT_GT(ears.first.facts.wrongUp, 90U) << "a byte may be right by chance";
-    ears.Hear(connected + Ears::Data(ears.first, 100));
-    EXPECT_GT(ears.second.facts.wrongUp, 90U);
-}
-
-struct Wrong {
-    const char* name;
-    std::string bytes, fault;
-    bool hasSigned = true;
-};
-class HearingFinds : public testing::TestWithParam<Wrong> {};
-
-TEST_P(HearingFinds, WhatTheAgentMustNotSend) {
-    Ears ears;
-    ears.Hear(GetParam().bytes, GetParam().hasSigned);
-    EXPECT_THAT(ears.faults, ElementsAre(HasSubstr(GetParam().fault)));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Frames, HearingFinds,
-    testing::Values(
-        Wrong{"HeartbeatFirst", heartbeat, "the first frame was not verify"},
-        Wrong{"AnotherMessageFirst", connected, "the first message is not verify"},
-        Wrong{"EarlyHeartbeat", verify + heartbeat, "before the server had shown", false},
-        Wrong{"HeartbeatWithBytes", verify + Frame(1, "x"), "type 1 with 1 bytes"},
-        Wrong{"UnknownType", verify + Frame(2, ""), "type 2 with 0 bytes"},
-        Wrong{"HeartbeatWithId", verify + Frame(1, "", id), "carries an id"},
-        Wrong{"EmptyData", verify + connected + Frame(0, "", id), "a data frame of 0 bytes"},
-        Wrong{"LongData", verify + connected + Ears::Data(Ears::Make(1), 16385),
-              "a data frame of 16385 bytes"},
-        Wrong{"DataBeforeConnected", verify + Frame(0, "x", id), "not open: " + id},
-        Wrong{"TooLongAFrame", verify + std::string("\0\0\2\0\1", 5) + std::string(16, '0'), "131073"},
-        Wrong{"NoJson", verify + Frame(3, "x"), "cannot be read"},
-        Wrong{"WrongSecret", Control(R"({"method":"verify"})", "another"), "does not fit"},
-        Wrong{"OtherOrder", verify + Control(R"({"session":"s","method":"connected-session"})"),
-              "another order"},
-        Wrong{"UnknownMethod", verify + About("conflict"), "an unknown method"},
-        Wrong{"ConnectedTooOften", verify + connected + connected + connected, "nobody has opened"},
-        Wrong{"DisconnectedFirst", verify + disconnected, "what is not connected"},
-        Wrong{"DisconnectedTwice", verify + connected + disconnected + disconnected, "twice"}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-TEST(HearingTest, AllowsTwentyFramesOfAnIdThatHasNotSixteenCharacters) {
-    Ears ears;
-    ears.first.facts.isOddId = true;
-    ears.Hear(verify + connected);
-    for (int frame = 0; frame < 20; ++frame) ears.Hear(Ears::Data(ears.first, 1));
-    EXPECT_THAT(ears.faults, IsEmpty());
-    ears.Hear(Ears::Data(ears.first, 1));
-    EXPECT_THAT(ears.faults, ElementsAre(HasSubstr("after its 20th frame")));
+TEST(HearingTest, FindsFramesAndMessagesThatTheAgentMustNotSend) {
+    const std::pair<std::string, std::string> rows[] = {
+        {heartbeat, "the first frame was not verify"},
+        {verify + Frame(1, "x"), "type 1 with 1 bytes"},
+        {verify + Frame(1, "", id), "carries an id"},
+        {verify + connected + Frame(0, "", id), "a data frame of 0 bytes"},
+        {verify + connected + Ears().Data(0, 16385), "a data frame of 16385 bytes"},
+        {verify + Frame(0, "x", id), "not open: " + id},
+        {verify + std::string("\0\0\2\0\1", 5) + std::string(16, '0'), "131073"},
+        {Control(R"({"method":"verify"})", "another"), "does not fit"},
+        {verify + Control(R"({"session":"s","method":"connected-session"})"), "another order"},
+        {verify + About("conflict"), "an unknown method"},
+        {verify + connected + connected + connected, "nobody has opened"},
+        {verify + connected + disconnected + disconnected, "twice"}};
+    for (const auto& [bytes, fault] : rows) {
+        Ears ears;
+        ears.Hear(bytes);
+        EXPECT_THAT(ears.faults, ElementsAre(HasSubstr(fault)));
+    }
+    Ears early, odd;
+    early.Hear(verify + heartbeat, false);
+    EXPECT_THAT(early.faults, ElementsAre(HasSubstr("before the server had shown")));
+    odd.opening[0].facts.isOddId = true;
+    odd.Hear(verify + connected);
+    for (int frame = 0; frame < 21; ++frame) odd.Hear(odd.Data(0, 1));
+    EXPECT_THAT(odd.faults, ElementsAre(HasSubstr("after its 20th frame")));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "tests/support/Eventually.h"
 
@@ -32,21 +33,29 @@ std::filesystem::path Proc(pid_t pid, const char* name) {
 
 Process::Process(std::vector<std::string> arguments, std::vector<std::string> environment)
     : outputFile(folder.Path() / "output"), errorsFile(folder.Path() / "errors") {
+    Start(std::move(arguments), std::move(environment), -1);
+}
+
+Process::Process(std::vector<std::string> arguments, std::vector<std::string> environment, int output) {
+    Start(std::move(arguments), std::move(environment), output);
+}
+
+void Process::Start(std::vector<std::string> arguments, std::vector<std::string> environment, int output) {
     const std::vector<char*> argv = Pointers(arguments);
     const std::vector<char*> envp = Pointers(environment);
     const pid_t parent = getpid();
     pid = fork();
     if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    if (pid == 0) Become(argv.data(), envp.data(), parent);
+    if (pid == 0) Become(argv.data(), envp.data(), parent, output);
 }
 
 // Between fork and exec: only calls that are safe when other threads existed.
-void Process::Become(char* const arguments[], char* const environment[], pid_t parent) const {
+void Process::Become(char* const arguments[], char* const environment[], pid_t parent, int output) const {
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed for taking too long must not leave it behind
     if (getppid() != parent) _exit(127);
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-    dup2(creat(outputFile.c_str(), 0600), STDOUT_FILENO);
-    dup2(creat(errorsFile.c_str(), 0600), STDERR_FILENO);
+    dup2(output < 0 ? creat(outputFile.c_str(), 0600) : output, STDOUT_FILENO);
+    dup2(output < 0 ? creat(errorsFile.c_str(), 0600) : output, STDERR_FILENO);
     close_range(STDERR_FILENO + 1, ~0U, 0);  // so that Descriptors counts its own, not ours
     execve(arguments[0], arguments, environment);
     _exit(127);
@@ -74,10 +83,11 @@ std::optional<int> Process::Wait(std::chrono::milliseconds ceiling) {
     return status;
 }
 
-std::size_t Process::ResidentKibibytes() const {
+std::size_t Process::Status(const char* field) const {
     std::ifstream lines(Proc(pid, "status"));
+    const std::string start = std::string(field) + ":";
     for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::stoul(line.substr(6));
+        if (line.rfind(start, 0) == 0) return std::stoul(line.substr(start.size()));
     }
     return 0;
 }

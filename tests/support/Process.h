@@ -22,6 +22,8 @@ public:
     /// @throws std::system_error when no process can be made; a program that cannot be run
     /// ends with status 127
     explicit Process(std::vector<std::string> arguments, std::vector<std::string> environment = {});
+    /// Both of its streams go to that descriptor instead of files. @param output not owned
+    Process(std::vector<std::string> arguments, std::vector<std::string> environment, int output);
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -37,11 +39,14 @@ public:
     std::string Errors() const { return ReadFile(folder.Path() / "errors"); }
 
     /// Of the running process; 0 when it has ended.
-    std::size_t ResidentKibibytes() const;
+    std::size_t ResidentKibibytes() const { return Status("VmRSS"); }
+    std::size_t Status(const char* field) const;  ///< a number of its /proc status, such as "Threads"
     std::size_t Descriptors() const;
 
 private:
-    [[noreturn]] void Become(char* const arguments[], char* const environment[], pid_t parent) const;
+    void Start(std::vector<std::string> arguments, std::vector<std::string> environment, int output);
+    [[noreturn]] void Become(char* const arguments[], char* const environment[], pid_t parent,
+                             int output) const;
 
     TemporaryFolder folder;
     std::string outputFile, errorsFile;
