@@ -1,7 +1,5 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "soak/ChildProcess.h"
 #include "soak/Endpoint.h"
 
 namespace {
@@ -42,16 +40,6 @@ TEST(EndpointTest, SendsItsStreamAndChecksTheOtherWhichItStopsReadingForAWhile) 
     EXPECT_EQ(record.received, 3007U);
     EXPECT_GE(record.wrong, 5U) << "a byte may be right by chance";
     EXPECT_TRUE(record.stalledUntil <= record.lastReceived && record.finishedAt <= record.endedAt);
-}
-
-TEST(ChildProcessTest, TellsTheLinesOfBothStreamsInOrderAndThenTheEnd) {
-    asio::io_context io;
-    std::vector<std::string> lines;
-    soak::ChildProcess child(io, {"/bin/sh", "-c", "echo $A; echo two >&2; echo; printf 'cut off'"},
-                             {"A=one"}, [&](const std::string& line) { lines.push_back(line); });
-    io.run_for(20s);
-    EXPECT_TRUE(child.HasEnded());
-    EXPECT_THAT(lines, testing::ElementsAre("one", "two", ""));
 }
 
 }  // namespace

@@ -25,8 +25,8 @@ void End(Facts& facts) {
 }
 void ShutDown(Facts& facts) { facts.hasShutDown = facts.isDisconnected = true; }
 
-/// Bytes are missing in one direction; what else is known, and whether that is a reason. A reason that the storm does
-/// not accept shows in every run, but one that it accepts wrongly shows only here.
+/// Bytes are missing in one direction; what else is known, and whether that is a reason. A reason that the
+/// storm does not accept shows in every run, but one that it accepts wrongly shows only here.
 struct Row {
     bool isFault, isDown;
     void (*know)(Facts&);
