@@ -84,8 +84,7 @@ int SealedWorld::Connect(int socket, std::uint16_t port) {
     if (!peer) return Refuse();
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return Refuse();
-    // The kernel has room for everything that a peer sends, but soon none for what is sent to it and not
-    // read.
+    // The kernel has room for all texts of a peer, but soon none for bytes that the peer does not read.
     constexpr int ourBytes = 1 << 20, theirBytes = 1 << 16;
     setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &ourBytes, sizeof ourBytes);
     setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &theirBytes, sizeof theirBytes);

@@ -28,7 +28,7 @@ struct Saying {
     std::string text;
 };
 
-/// The other end of one connection, and what it does when it has sent its last text.
+/// The other end of one connection: its texts, and its behaviour after the last one.
 struct Peer {
     enum Ending { HangsUp, StaysSilent, GoesDeaf };  ///< deaf: sending to it fails
 
@@ -54,11 +54,11 @@ public:
 
     int Connect(int socket, std::uint16_t port);
     std::size_t NextReadBytes();  ///< the most that the next read may return
-    bool Listen();                ///< reads what was sent to the peers; false when that is nothing
+    bool Listen();                ///< reads the bytes sent to the peers; false when there are none
     /// Lets time pass until a peer sends its next text, or for `limit` when that is earlier.
     void PassTime(std::chrono::milliseconds limit);
     bool IsSilent() const;       ///< no peer has a text left
-    const std::string& Heard();  ///< what was sent on the first connection
+    const std::string& Heard();  ///< the bytes sent on the first connection
 
 private:
     using Instant = std::chrono::nanoseconds;  // of the monotonic clock

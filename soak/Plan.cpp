@@ -100,7 +100,7 @@ Plan DrawPlan(Random& random) {
     plan.service = DrawEnd(random);
     if (OneIn(random, 12)) DrawStall(random, plan.service, 4000);
     if (OneIn(random, 25)) DrawClientStall(random, plan);
-    if (plan.ending == Ending::ClientCloses && OneIn(random, 6)) DrawBacklogAtEnd(random, plan);
+    if (plan.ending == Ending::ClientCloses && OneIn(random, 4)) DrawBacklogAtEnd(random, plan);
     Apply(random, plan);
     return plan;
 }

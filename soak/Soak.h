@@ -28,8 +28,8 @@ public:
 
 private:
     enum class Phase { Working, Settling, Over };
-    /// Of the tunnel, as the server tells it. Breaking: the server has not noticed yet. Dying: neither has
-    /// it, and it was killed.
+    /// The state of the tunnel. Breaking: it was broken, and the server has not noticed yet. Dying: the server
+    /// was killed or told to end. Starting: the agent has to come back.
     enum class Life { Starting, Serving, Breaking, Dying };
     /// The agent's resources while no session lives.
     struct Look {
