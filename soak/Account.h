@@ -30,8 +30,10 @@ struct Account {
     std::size_t route = 0;
     Plan plan;
     EndRecord client, service;
-    bool turnedAway = false;     ///< by a server whose device was not connected
-    bool struck = false;         ///< the tunnel died while it lived, with its server or alone
+    bool turnedAway = false;  ///< by a server whose device was not connected
+    bool struck = false;      ///< the tunnel died while it lived, with its server or alone
+    /// The last time before the service's end that the agent was found not to run, as on a busy machine.
+    Clock::time_point agentPausedUntil;
     bool tunnelWasHeld = false;  ///< a client had stopped reading shortly before the service's end
     std::optional<ServerWords> server;
     AgentWords agent;

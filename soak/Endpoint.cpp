@@ -7,13 +7,6 @@ namespace soak {
 
 using asio::ip::tcp;
 
-namespace {
-
-/// Of an end that will stop reading: the kernel must not keep megabytes for it.
-constexpr int smallBufferBytes = 16384;
-
-}  // namespace
-
 Endpoint::Endpoint(tcp::socket connected, const EndPlan& endPlan, const KeyedStream& outgoingStream,
                    const KeyedStream& incomingStream, EndRecord& endRecord, std::function<void()> overHandler)
     : socket(std::move(connected)),
@@ -30,8 +23,6 @@ Endpoint::Endpoint(tcp::socket connected, const EndPlan& endPlan, const KeyedStr
 void Endpoint::Start(std::uint64_t alreadyReceived) {
     record.appeared = true;
     record.received = alreadyReceived;
-    std::error_code ignored;
-    if (plan.Stalls()) socket.set_option(tcp::socket::receive_buffer_size(smallBufferBytes), ignored);
     if (plan.resetAfter.count() > 0) {
         resetTimer.expires_after(plan.resetAfter);
         resetTimer.async_wait(

@@ -44,9 +44,11 @@ bool ServiceEndedItself(const EndRecord& service) {
     return service.shutDown || service.closed || service.reset;
 }
 
-// A service that waited for bytes shortly before its end had been given everything.
-bool WasWaitingAtItsEnd(const EndRecord& service) {
-    return service.endedAt - std::max(service.lastReceived, service.stalledUntil) >= patience;
+// A service that waited for bytes right before its end had been given everything, if the agent was running.
+bool WasWaitingAtItsEnd(const Account& account) {
+    const EndRecord& service = account.service;
+    const auto begin = std::max({service.lastReceived, service.stalledUntil, account.agentPausedUntil});
+    return service.endedAt - begin >= patience;
 }
 
 // A service that reads all the time has everything before the five seconds are over. Only one that stops
@@ -56,7 +58,7 @@ Reason OnTheWayToService(const Account& account) {
     if (account.plan.ending == Ending::ServiceRefuses) return Reason::ServiceRefused;
     if (account.agent.forgotten) return Reason::Forgotten;
     if (ServiceEndedItself(account.service)) return Reason::ServiceGone;
-    const bool mayBeLate = account.plan.service.Stalls() && !WasWaitingAtItsEnd(account.service);
+    const bool mayBeLate = account.plan.service.Stalls() && !WasWaitingAtItsEnd(account);
     return account.agent.endedByServer && mayBeLate ? Reason::StopDelay : Reason::Unexplained;
 }
 

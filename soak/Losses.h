@@ -42,8 +42,9 @@ constexpr std::chrono::milliseconds stopDelay{500};
 /// After a write within this time before its end, a service may have been cut off: the delay, and time for a
 /// busy machine.
 constexpr std::chrono::milliseconds stopWindow{750};
-/// A service that reads and gets nothing for this long has got everything that the agent had for it.
-constexpr std::chrono::milliseconds patience{100};
+/// A service that reads and gets nothing for this long has got everything that the agent had for it. (With a
+/// receive buffer smaller than a segment that would not hold, because TCP then sends by its probe timer.)
+constexpr std::chrono::milliseconds patience{150};
 
 /// Whether the service ended it in good order while nobody else did, and its client was there to get all of
 /// it.

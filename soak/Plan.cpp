@@ -47,7 +47,7 @@ EndPlan DrawEnd(Random& random) {
 }
 
 /// More than all kernels' buffers on the way take, so that the rest waits in one of the programs.
-constexpr std::uint64_t backlogBytes = 4000000;
+constexpr std::uint64_t backlogBytes = 5000000;
 
 void DrawStall(Random& random, EndPlan& end, std::uint64_t longest) {
     end.stallAt = Draw(random, 8, 300000);
@@ -61,7 +61,7 @@ void DrawBacklogAtEnd(Random& random, Plan& plan) {
     plan.client.maxPieceBytes = 131072;
     plan.client.pause = {};
     plan.service.stallAt = Draw(random, 8, 20000);
-    plan.service.stall = DrawTime(random, 150, 350);
+    plan.service.stall = DrawTime(random, 100, 250);
 }
 
 /// The client reads on, and has to get everything as well.

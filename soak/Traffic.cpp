@@ -14,6 +14,8 @@ constexpr std::size_t openRoutes = 3;
 constexpr std::chrono::seconds openingLimit{20};
 /// A service's connection may come as late as this after its client's.
 constexpr std::chrono::seconds serviceLimit{10};
+/// Without a line in the agent's log for this long, it may not have been given the processor.
+constexpr std::chrono::milliseconds agentPause{50};
 /// How long after the stall of one client it may still delay other sessions.
 constexpr std::chrono::seconds stallEffect{2};
 
@@ -85,7 +87,13 @@ void Traffic::OnNumber(std::error_code error, std::size_t size, Caller& caller) 
 void Traffic::OnServiceOver(Entry& entry) {
     if (SomebodyStalls()) lastStall = Clock::now();
     entry.account.tunnelWasHeld = Clock::now() - lastStall < stallEffect;
+    WatchAgent();
+    entry.account.agentPausedUntil = agentPausedUntil;
     services.erase(entry.account.number);
+}
+
+void Traffic::WatchAgent() {
+    if (Clock::now() - lastAgentLine >= agentPause) agentPausedUntil = Clock::now();
 }
 
 KeyedStream Traffic::Stream(const Entry& entry, Direction direction) const {
@@ -141,6 +149,8 @@ void Traffic::OnServerLine(const ServerLine& line) {
 }
 
 void Traffic::OnAgentLine(const AgentLine& line) {
+    WatchAgent();
+    lastAgentLine = Clock::now();
     if (line.isVerified) ++agentConnections;
     if (line.word != nullptr) agentWords[{agentConnections, line.session}].*line.word = true;
 }

@@ -72,6 +72,7 @@ private:
     void OnServiceOver(Entry& entry);
     bool IsOver(const Entry& entry) const;
     bool SomebodyStalls() const;
+    void WatchAgent();
     KeyedStream Stream(const Entry& entry, Direction direction) const;
 
     asio::io_context& io;
@@ -87,7 +88,7 @@ private:
     std::uint64_t serverConnections = 0, agentConnections = 0;
     Entry* opening = nullptr;  // no line of the server has named it yet
     bool isConnecting = false;
-    Clock::time_point lastStall;
+    Clock::time_point lastStall, lastAgentLine, agentPausedUntil;
 };
 
 }  // namespace soak

@@ -35,7 +35,7 @@ Account Ended() {
     account.client.finishedAt = start;
     account.service.endedAt = start + 500ms;
     account.service.lastSent = start - 300ms;
-    account.service.stalledUntil = start + 400ms;
+    account.service.stalledUntil = start + 350ms;
     return account;
 }
 
@@ -67,7 +67,8 @@ const Row rows[] = {
     {false, Ended, ToService, [](Account& a) { a.struck = true, a.server.reset(); }},
     {false, Whole, ToService},
     {false, Ended, ToService, [](Account& a) { Stall(a), a.service.stalledUntil += 1ms; }},
-    {false, Ended, ToService, [](Account& a) { Stall(a), a.service.lastReceived = start + 401ms; }},
+    {false, Ended, ToService, [](Account& a) { Stall(a), a.service.lastReceived = start + 351ms; }},
+    {false, Ended, ToService, [](Account& a) { Stall(a), a.agentPausedUntil = start + 351ms; }},
     {false, Ended, FromService, [](Account& a) { a.service.lastSent += 60ms; }},
 };
 
