@@ -23,13 +23,14 @@ namespace soak {
 class Soak {
 public:
     Soak(std::chrono::seconds length, std::uint64_t seed, const std::filesystem::path& folder);
-    /// Runs it, and writes the report to standard output. @return whether there was no fault
+    /// Runs it, and writes the report to standard output.
+    /// @return whether there was no fault
     bool Run();
 
 private:
     enum class Phase { Working, Settling, Over };
-    /// The state of the tunnel. Breaking: it was broken, and the server has not noticed yet. Dying: the server
-    /// was killed or told to end. Starting: the agent has to come back.
+    /// The state of the tunnel. Breaking: it was broken, and the server has not noticed yet. Dying: the
+    /// server was killed or told to end. Starting: the agent has to come back.
     enum class Life { Starting, Serving, Breaking, Dying };
     /// The agent's resources while no session lives.
     struct Look {

@@ -13,7 +13,7 @@ namespace storm {
 /// one connection, sends its stream, checks the other one, and ends as planned.
 ///
 ///   Listen -> OnAccepted (-> Begin) -> Send <-> OnWritable or OnSendPause ... then Finish
-///             OnAccepted (-> Begin) -> Receive <-> OnReadable or OnReadPause ... until the agent's end: Close
+///                       (-> Begin) -> Receive <-> OnReadable or OnReadPause ... then Close
 ///             OnTimeToGo: closes or resets
 ///   Abandon: no connection is expected any more
 ///
