@@ -30,6 +30,7 @@ public:
     static Timings Short();
 
     unsigned short SsoPort() const { return lab->SsoPort(); }
+    unsigned short ApiPort() const { return lab->ApiPort(); }
     unsigned short TunnelPort() const { return lab->TunnelPort(); }
 
     /// The lines so far that contain `text`.
