@@ -108,6 +108,53 @@ TEST_F(SessionTest, ReadsNoMoreFromTheDeviceThanItsClientTakesAndDeliversAllOfIt
     EXPECT_TRUE(Closed("device, 0 bytes to device, 67108864 bytes from device"));
 }
 
+TEST_F(SessionTest, DeliversWhatAClientSentThatClosedThoughTheDeviceSendsOn) {
+    WriteUntilStuck(client, Pattern(64 * mebibyte));  // the lab reads from no client of this device now
+    auto closing = Connection::To(lab.RoutePort("d1", "web"));
+    const std::string upload = Pattern(10000);
+    closing.Write(upload);
+    closing.Close();
+    const std::string other = "0000000000000002";
+    for (const char* total :
+         {"from-device=1 ", "from-device=2 "}) {  // the first one makes the client refuse the second
+        device.SendData(other, "x");
+        EXPECT_TRUE(support::Eventually([&] { return lab.Totals().find(total) != std::string::npos; }));
+        lab.Totals();
+    }
+    std::string arrived;
+    while (arrived.size() < upload.size()) {
+        const Frame frame = ReadFrame(device.tunnel);
+        if (frame.type == dataFrame && frame.session == other) arrived += frame.payload;
+        if (frame.payload.find("end_session") != std::string::npos) break;
+    }
+    EXPECT_TRUE(arrived == upload) << arrived.size();
+}
+
+/// The lab soon takes a session for quiet.
+struct QuietSessionTest : SessionTest {
+    static Timings Hasty() {
+        Timings timings = LabRunner::Short();
+        timings.quiet = std::chrono::milliseconds(200);
+        return timings;
+    }
+    QuietSessionTest() : SessionTest(Hasty()) {}
+};
+
+TEST_F(QuietSessionTest, WaitsForAClientThatReadsLateAndSendsOn) {
+    const std::string content = Pattern(mebibyte);
+    device.tunnel.Write(Frames(session, content));
+    device.SendControl(R"({"method":"disconnect-session","session":")" + session + "\"}");
+    std::error_code reset;
+    const auto isClosed = [&] {
+        client.Socket().write_some(asio::buffer("x", 1), reset);
+        return !lab.Lines("closed by").empty() || reset;
+    };
+    EXPECT_FALSE(support::Eventually(isClosed, std::chrono::milliseconds(1000)));
+    EXPECT_TRUE(client.ReadToEnd() == content);
+    client.Close();
+    EXPECT_TRUE(Closed("device"));
+}
+
 /// The lab soon loses patience with a client that takes nothing.
 struct StalledSessionTest : SessionTest {
     static Timings Impatient() {
