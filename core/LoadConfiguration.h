@@ -8,7 +8,7 @@
 
 namespace nox::tunnel_client {
 
-/// Where and how much to log.
+/// The destination of the log, and its level.
 struct LogConfig {
     std::string path;        ///< base path of the log file; empty: standard output
     std::int32_t level = 0;  ///< 0 (off) to 5 (verbose), see log/Log.h

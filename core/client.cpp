@@ -14,16 +14,16 @@ using namespace nox::tunnel_client;
 
 namespace {
 
-// A closed standard error must not change the exit status, a log that cannot be written (its reader has
-// closed the pipe, or the file has reached a limit of size) must not end the agent, and a local service that
+// A closed standard error must not change the exit status. A log that cannot be written, because its reader
+// has closed the pipe or the file has reached a limit of size, must not end the agent. A local service that
 // closes its connection ends only its own session, see ServiceConnection.
 void IgnoreFailedWrites() {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
-// A sleep of no length would still last as long as the timer slack, and nobody has configured that. A
-// negative number becomes the huge unsigned one that sleep takes.
+// A sleep of no length would still last as long as the timer slack. A negative number becomes the huge
+// unsigned one that sleep takes.
 void Pause(std::int32_t seconds) {
     if (seconds != 0) sleep(static_cast<unsigned>(seconds));
 }

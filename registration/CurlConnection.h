@@ -28,7 +28,7 @@ public:
     CurlConnection(const CurlConnection&) = delete;
     CurlConnection& operator=(const CurlConnection&) = delete;
 
-    /// The agent itself only posts and deletes; this completes the three methods of the client.
+    /// The agent itself does not call this; it only posts and deletes.
     HttpResponse Get(const std::string& url, const std::string& token);
     /// @param body JSON text, sent up to its first NUL
     HttpResponse Post(const std::string& url, const std::string& token, const std::string& body);

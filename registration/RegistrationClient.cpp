@@ -145,9 +145,10 @@ std::string RegistrationClient::FindDeviceId() const {
 
 void RegistrationClient::RemoveDevice(const std::string& token) {
     const HttpResponse response = curl.Delete(apiEndpoint + "/clients/remove/id/" + deviceId, token);
-    ParseApiVersion(response.body);  // before the status: a refusal has to carry a JSON body all the same
+    // Comes before the check of the status, so a refusal must carry a JSON body, too.
+    ParseApiVersion(response.body);
     CheckResponse(response);
-    // 400 says that there was no such device, which is just as well.
+    // 400 means that the device was not registered, so there is nothing to remove.
     const bool accepted = response.httpCode == 200 || response.httpCode == 400;
     LogWrite("RegistrationClient", __LINE__, accepted ? logInfo : logError, "RemoveDevice: (%ld) %s",
              response.httpCode, response.body.c_str());

@@ -21,7 +21,7 @@ struct TunnelAccess {
 
 /// Registers the device and its routes with the cloud, and returns how to reach the tunnel server.
 ///
-///   once:       discovery data from the SSO service -> certificate id from it, unless a device id is configured
+///   once:       discovery data from the SSO service -> certificate id from it, unless a device id is known
 ///   each time:  token from the SSO service -> RemoveDevice -> AddDevice -> AddRoute for each route
 ///
 /// Discovery is repeated until it has succeeded once; its results are kept and never refreshed.
