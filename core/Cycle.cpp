@@ -1,6 +1,7 @@
 #include "core/Cycle.h"
 
 #include <exception>
+#include <utility>
 
 #include "log/Log.h"
 #include "tunnel/TunnelClient.h"
@@ -9,21 +10,20 @@ namespace nox::tunnel_client {
 
 namespace {
 
-void RegisterAndRun(RegistrationClient& registration, TunnelConfig& tunnel, const Delays& delays) {
-    registration.Register();
-    tunnel.serverHost = registration.GetTunnelServerHost();
-    tunnel.serverPort = registration.GetTunnelServerPort();
-    tunnel.deviceId = registration.GetDeviceId();
-    tunnel.username = registration.GetTunnelUsername();
-    tunnel.password = registration.GetTunnelPassword();
-    TunnelClient(tunnel, delays).Run();
+TunnelConfig Join(TunnelConfig configured, TunnelAccess access) {
+    configured.serverHost = std::move(access.serverHost);
+    configured.serverPort = access.serverPort;
+    configured.deviceId = std::move(access.deviceId);
+    configured.username = std::move(access.username);
+    configured.password = std::move(access.password);
+    return configured;
 }
 
 }  // namespace
 
-void RunTurn(RegistrationClient& registration, TunnelConfig& tunnel, const Delays& delays) {
+void RunTurn(RegistrationClient& registration, const TunnelConfig& configured) {
     try {
-        RegisterAndRun(registration, tunnel, delays);
+        TunnelClient(Join(configured, registration.Register())).Run();
     } catch (const std::exception& failure) {
         LogWrite("client", 219, logError, "Tunnel client error: %s", failure.what());
     }

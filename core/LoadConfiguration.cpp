@@ -20,8 +20,8 @@ void Require(bool condition, const char* complaint) {
     if (!condition) throw std::invalid_argument(complaint);
 }
 
-// A file that cannot be read gives no text, which the parser then refuses: one complaint for both. By stdio,
-// because the library's streams, linked in, would double the size of the program.
+// A file that cannot be read gives an empty text, which the parser refuses like any other text that is not
+// JSON. This uses stdio because the C++ library's streams, linked in, would double the size of the program.
 std::string ReadWholeFile(const char* path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "r"), std::fclose);
     std::string content;
@@ -66,37 +66,45 @@ Route ReadRoute(const json::jobject& section) {
     return route;
 }
 
-void ReadRoutes(const json::jobject& section, std::vector<Route>& routes) {
+std::vector<Route> ReadRoutes(const json::jobject& section) {
     Require(section.has_key("routes") && section["routes"].is_array(),
             "Invalid config file - missing routes array");
     const json::jobject list = section["routes"];
+    std::vector<Route> routes;
     for (std::size_t i = 0; i < list.size(); ++i) routes.push_back(ReadRoute(list.at(i)));
+    return routes;
 }
 
-// Logging is no reason to refuse to start: what does not fit is passed over, and an unknown level is silence.
-void ReadLog(const json::jobject& section, LogConfig& log) {
-    log.path = HasString(section, "log_path") ? section["log_path"].as_string() : "";
+// A fault in the log's settings must not keep the agent from starting: a member that is not a string counts
+// as missing, and an unknown level switches logging off.
+LogConfig ReadLog(const json::jobject& section) {
+    LogConfig log;
+    if (HasString(section, "log_path")) log.path = section["log_path"].as_string();
     const std::string level = HasString(section, "log_level") ? section["log_level"].as_string() : "info";
     log.level = LogLevelFromName(level.c_str());
+    return log;
 }
 
-// Number or numeric string, both are in use.
+// The type is not checked, because numbers and numeric strings are both in use.
 void ReadTimer(const json::jobject& timers, const char* key, std::int32_t& seconds) {
     if (timers.has_key(key)) seconds = ReadInteger(timers, key);
 }
 
-void ReadTimers(const json::jobject& root, RegistrationConfig& registration, TunnelConfig& tunnel) {
-    registration.registrationReconnectSeconds = defaultTimerSeconds;
-    tunnel.tunnelReconnectSeconds = defaultTimerSeconds;
-    tunnel.tunnelHeartbeatSeconds = defaultTimerSeconds;
+void ReadTimers(const json::jobject& root, Configuration& configuration) {
+    std::int32_t heartbeat = 0;
+    configuration.registration.registrationReconnectSeconds = defaultTimerSeconds;
+    configuration.tunnel.tunnelReconnectSeconds = defaultTimerSeconds;
+    // The heartbeat's period is fixed. Its key is read all the same, so that a value that is no number is
+    // refused.
+    configuration.tunnel.tunnelHeartbeatSeconds = heartbeatSeconds;
     if (!root.has_key("timers")) return;
     const json::jobject timers = root["timers"];
-    ReadTimer(timers, "tunnelHeartbeat", tunnel.tunnelHeartbeatSeconds);
-    ReadTimer(timers, "registrationReconnect", registration.registrationReconnectSeconds);
-    ReadTimer(timers, "tunnelReconnect", tunnel.tunnelReconnectSeconds);
+    ReadTimer(timers, "tunnelHeartbeat", heartbeat);
+    ReadTimer(timers, "registrationReconnect", configuration.registration.registrationReconnectSeconds);
+    ReadTimer(timers, "tunnelReconnect", configuration.tunnel.tunnelReconnectSeconds);
 }
 
-// Returns whether the variable is set; the empty text counts.
+// Returns whether the variable is set; one that is set to the empty text counts.
 bool ReadVariable(const char* name, std::string& value) {
     const char* text = std::getenv(name);
     if (text != nullptr) value = text;
@@ -116,19 +124,18 @@ void ReadEnvironment(RegistrationConfig& registration) {
 
 }  // namespace
 
-void LoadConfiguration(int argc, const char* const argv[], RegistrationConfig& registration,
-                       TunnelConfig& tunnel, LogConfig& log) {
+Configuration LoadConfiguration(int argc, const char* const argv[]) {
     Require(argc > 1, "Missing argument - JSON config file");
     const json::jobject root = json::jobject::parse(ReadWholeFile(argv[1]));
-    ReadSsoService(root, registration);
+    Configuration configuration;
+    ReadSsoService(root, configuration.registration);
     Require(root.has_key("tunnel"), "Invalid config file - missing tunnel object");
     const json::jobject section = root["tunnel"];
-    ReadRoutes(section, registration.routes);
-    ReadLog(section, log);
-    ReadTimers(root, registration, tunnel);
-    ReadEnvironment(registration);
-    // The heartbeat's period is fixed. Its key was read all the same: nonsense in the file is refused.
-    tunnel.tunnelHeartbeatSeconds = heartbeatSeconds;
+    configuration.registration.routes = ReadRoutes(section);
+    configuration.log = ReadLog(section);
+    ReadTimers(root, configuration);
+    ReadEnvironment(configuration.registration);
+    return configuration;
 }
 
 }  // namespace nox::tunnel_client

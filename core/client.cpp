@@ -1,4 +1,4 @@
-// The process: read the configuration, start the log, then register and tunnel for ever.
+// The process: reads the configuration, starts the log, then registers and tunnels for ever.
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -12,31 +12,44 @@
 
 using namespace nox::tunnel_client;
 
+namespace {
+
+// A closed standard error must not change the exit status. A log that cannot be written, because its reader
+// has closed the pipe or the file has reached a limit of size, must not end the agent. A local service that
+// closes its connection ends only its own session, see ServiceConnection.
+void IgnoreFailedWrites() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+// A sleep of no length would still last as long as the timer slack. A negative number becomes the huge
+// unsigned one that sleep takes.
+void Pause(std::int32_t seconds) {
+    if (seconds != 0) sleep(static_cast<unsigned>(seconds));
+}
+
+}  // namespace
+
 int main(int argc, char* argv[]) {
-    RegistrationConfig registration;
-    TunnelConfig tunnel;
-    LogConfig log;
+    IgnoreFailedWrites();
+    Configuration configuration;
     try {
-        LoadConfiguration(argc, argv, registration, tunnel, log);
+        configuration = LoadConfiguration(argc, argv);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "Invalid configuration - exiting: %s\n", failure.what());
         return 1;
     }
 
-    // A log that cannot be written must not end the agent, be it that whoever reads it through a pipe hung up or
-    // that a limit on the size of files was reached. And a service that hangs up costs its session only, see
-    // PayloadPipe.
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
-    // Our delays are whole seconds. Those that end within the same moment, as of many sessions, cost one wake-up.
+    // Our delays are whole seconds. With this slack, delays that end within the same moment, such as those of
+    // many sessions, wake the process once.
     prctl(PR_SET_TIMERSLACK, 20'000'000UL);  // nanoseconds
+    const LogConfig& log = configuration.log;
     LogStart(log.path.empty() ? nullptr : log.path.c_str(), log.level, 1);
     LogWrite("client", 196, logInfo, "Tunnel client version: %s", TUNNEL_CLIENT_VERSION);
 
-    RegistrationClient client(registration);
+    RegistrationClient registration(configuration.registration);
     for (;;) {
-        RunTurn(client, tunnel);
-        // A negative pause is taken as the huge unsigned number that it is to sleep.
-        sleep(static_cast<unsigned>(registration.registrationReconnectSeconds));
+        RunTurn(registration, configuration.tunnel);
+        Pause(configuration.registration.registrationReconnectSeconds);
     }
 }

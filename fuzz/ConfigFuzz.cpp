@@ -14,14 +14,13 @@ using namespace nox::tunnel_client;
 namespace {
 
 void Load(const std::string& path) {
-    RegistrationConfig registration;
-    TunnelConfig tunnel;
-    LogConfig log;
     const char* const argv[] = {"tunnel-client", path.c_str()};
-    LoadConfiguration(2, argv, registration, tunnel, log);
-    fuzz::Require(registration.ssoHost == "127.0.0.1" && registration.deviceType == "dvr",
+    const Configuration loaded = LoadConfiguration(2, argv);
+    fuzz::Require(loaded.registration.ssoHost == "127.0.0.1" && loaded.registration.deviceType == "dvr",
                   "the fixed values");
-    fuzz::Require(tunnel.tunnelHeartbeatSeconds == 30 && log.level >= 0 && log.level <= 5, "the ranges");
+    fuzz::Require(
+        loaded.tunnel.tunnelHeartbeatSeconds == 30 && loaded.log.level >= 0 && loaded.log.level <= 5,
+        "the ranges");
 }
 
 }  // namespace

@@ -12,8 +12,8 @@ using nlohmann::ordered_json;
 
 namespace {
 
-/// Between single quotes nothing is special but the single quote itself; that one goes between double quotes,
-/// which sh and service managers read alike.
+/// Puts the text between single quotes, where only the single quote itself is special. Each of those is put
+/// between double quotes, which sh and service managers read alike.
 std::string Quoted(const std::string& text) {
     std::string quoted = "'";
     for (const char c : text) quoted += c == '\'' ? std::string("'\"'\"'") : std::string(1, c);
@@ -44,8 +44,9 @@ std::string AgentEnvironment(const AgentSettings& settings) {
 
 void WritePrivateFile(const std::string& path, const std::string& content) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    std::error_code ignored;  // what matters is whether the content can be written
-    if (std::filesystem::is_regular_file(path, ignored)) {  // and not, say, /dev/stdout
+    std::error_code ignored;  // only a failure to write the content counts
+    // The path may also be a device such as /dev/stdout, whose permissions are left alone.
+    if (std::filesystem::is_regular_file(path, ignored)) {
         std::filesystem::permissions(
             path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write, ignored);
     }

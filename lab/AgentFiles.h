@@ -18,10 +18,10 @@ struct AgentSettings {
 };
 
 std::string AgentConfiguration(const AgentSettings& settings, unsigned short ssoPort);
-/// One NAME='value' a line, for sh as for a service manager.
+/// One line NAME='value' for each variable, readable by sh and by service managers.
 std::string AgentEnvironment(const AgentSettings& settings);
 
-/// Writes a file that only its owner can read: it may hold a password.
+/// Writes a file that only its owner can read, because it may hold a password.
 /// @throws std::system_error naming the file
 void WritePrivateFile(const std::string& path, const std::string& content);
 

@@ -14,7 +14,7 @@ using asio::ip::tcp;
 
 namespace {
 
-/// What is wrong with a "verify", or "".
+/// The fault of a "verify"; "" when it has none.
 std::string FaultOf(const ControlMessage& verify, const Credentials* credentials) {
     if (verify.Text("method") != "verify") return "no verify but " + Word(verify.Text("method"));
     const std::string device = "verify of " + Word(verify.Text("deviceId"));
@@ -38,13 +38,13 @@ DeviceConnection::DeviceConnection(tcp::socket device, Owner& connectionOwner, c
       report(reportOfLab) {}
 
 void DeviceConnection::Start() {
-    std::error_code ignored;  // a device that has gone again shows it at the first read
+    std::error_code ignored;  // the first read reports a device that is lost already
     socket.set_option(asio::socket_base::keep_alive(true), ignored);
     timer.async_wait(Weakly(this, &DeviceConnection::OnTimer));
     ReadMore();
 }
 
-// A connection gets its large buffer only when we know whose it is.
+// A connection gets its large buffer only after the device is verified.
 void DeviceConnection::ReadMore() {
     if (reading || state == State::Closed || !blockers.empty()) return;
     reading = true;
@@ -58,10 +58,11 @@ void DeviceConnection::OnRead(std::error_code error, std::size_t size) {
     fromDevice->Received(size);
     try {
         HandleFrames();
-    } catch (const std::exception& fault) {  // a frame too long, or a control message that is none
+    } catch (const std::exception& fault) {  // a frame is too long, or a control message is unreadable
         Stop(fault.what());
     }
-    reading = false;  // only now: handling a frame may unblock us, but the buffer is in use until here
+    // Not earlier: handling a frame may call Unblock and so ReadMore, but the buffer is in use until here.
+    reading = false;
     ReadMore();
 }
 
@@ -117,7 +118,7 @@ void DeviceConnection::HandleControl(const ControlMessage& message) {
     } else if (session == sessions.end()) {
         report.Error(Name() + ": " + method + " for " + Word(id) + ", which there is not");
     } else if (method == "disconnect-session") {
-        const auto ended = session->second;  // it may leave the table in this call
+        const auto ended = session->second;  // keeps it alive, because this call may remove it from the table
         ended->Finish();
     }
 }
@@ -147,7 +148,7 @@ void DeviceConnection::SendControl(const std::vector<Member>& unsignedMessage) {
     Flush();
 }
 
-// Not at once: whoever puts frames in now has probably more, and they leave together.
+// Not at once, because more frames probably follow; all of them leave in one write.
 void DeviceConnection::Flush() {
     if (state == State::Closed || std::exchange(writing, true)) return;
     asio::post(socket.get_executor(), [weak = weak_from_this()] {
@@ -170,7 +171,7 @@ void DeviceConnection::OnWritten(std::error_code error, std::size_t size) {
     if (toDevice->Size() > 0) return Write();
     writing = false;
     if (state == State::Farewell)
-        socket.shutdown(tcp::socket::shutdown_send, error);  // it closes when it has read all
+        socket.shutdown(tcp::socket::shutdown_send, error);  // the device closes when it has read all
 }
 
 void DeviceConnection::TellWhoWaits() {

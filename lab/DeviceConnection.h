@@ -21,15 +21,15 @@ namespace lab {
 
 /// A device's connection to the tunnel server, and the sessions on it.
 ///
-///   Start -> ReadMore <-> OnRead -> HandleFrame ...: what comes from the device
-///   Flush -> Write <-> OnWritten: what goes to it, everybody's frames in one stream
+///   Start -> ReadMore <-> OnRead -> HandleFrame ...: frames from the device
+///   Flush -> Write <-> OnWritten: frames to the device, those of all sessions in one stream
 ///
 ///   Verifying -- good "verify" --> Serving -- newer connection: "conflict" --> Farewell
 ///       |                             |                                            |
 ///       | bad or late, lost           | lost, or breaks the rules                  | read, or late
 ///       '-----------------------------'--------------------------------------------'--> Closed
 ///
-/// Sessions that still have something to deliver live on when it is closed; then it waits for them. All on
+/// Sessions that still have bytes to deliver outlive the socket, and the connection waits for them. All on
 /// the event loop.
 class DeviceConnection final : public std::enable_shared_from_this<DeviceConnection>, DeviceLink {
 public:
@@ -38,8 +38,9 @@ public:
         virtual ~Owner() = default;
         virtual const Credentials* Find(const std::string& deviceId) const = 0;  ///< null: not registered
         virtual void OnVerified(DeviceConnection& connection) = 0;
-        virtual void OnLost(DeviceConnection& connection) = 0;  ///< a verified one; it opens no more sessions
-        virtual void OnOver(DeviceConnection& connection) = 0;  ///< closed, and the last session too
+        virtual void OnLost(
+            DeviceConnection& connection) = 0;  ///< it was verified; it opens no more sessions
+        virtual void OnOver(DeviceConnection& connection) = 0;  ///< it is closed, and its last session, too
     };
 
     DeviceConnection(asio::ip::tcp::socket device, Owner& connectionOwner, const Timings& labTimings,
@@ -47,10 +48,10 @@ public:
     void Start();
     /// Joins a client to a service of this device, which must be verified.
     void OpenSession(const std::string& id, const Route& route, asio::ip::tcp::socket client);
-    /// Tells the device that another connection of it has taken over, and closes.
+    /// Tells the device that another connection of it has taken over, and closes this one.
     void Replace();
-    void Stop(const std::string& reason);  ///< once is enough, twice is harmless
-    void StopSessions();                   ///< at once, what is left to deliver is lost
+    void Stop(const std::string& reason);  ///< a second call does nothing
+    void StopSessions();                   ///< at once; bytes that are not delivered yet are lost
 
     const std::string& DeviceId() const { return deviceId; }
 
@@ -89,24 +90,25 @@ private:
     State state = State::Verifying;
     asio::ip::tcp::socket socket;
     std::string peer;
-    asio::steady_timer timer;  // the limit of Verifying, then of Farewell
+    asio::steady_timer timer;  // limits Verifying, then Farewell
     Owner& owner;
     const Timings& timings;
     const std::size_t frameBytes;
     Report& report;
 
-    std::string
-        deviceId;  // once verified, as is the password, which stays ours when the device registers anew
+    // Both are set once the device is verified. The password stays the same when the device registers again.
+    std::string deviceId;
     std::string password;
     bool reading = false, writing = false;
     std::shared_ptr<FrameReader> fromDevice = std::make_shared<FrameReader>();
     std::shared_ptr<Outbox> toDevice = std::make_shared<Outbox>();
 
     std::map<std::string, std::shared_ptr<Session>, std::less<>> sessions;
-    std::set<std::string> blockers;  // sessions with so much to deliver that nothing more is read
+    std::set<std::string> blockers;  // sessions whose backlog stops the reading from the device
     std::chrono::steady_clock::time_point lastBlocked;
-    std::deque<std::weak_ptr<Session>> waiting;                                 // for room
-    std::deque<std::pair<std::uint64_t, std::weak_ptr<Session>>> endsOnTheWay;  // with the position of each
+    std::deque<std::weak_ptr<Session>> waiting;  // for room
+    // Sessions whose end_session has not left yet, each with its position in the stream to the device.
+    std::deque<std::pair<std::uint64_t, std::weak_ptr<Session>>> endsOnTheWay;
 };
 
 }  // namespace lab

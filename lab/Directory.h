@@ -6,7 +6,7 @@
 
 namespace lab {
 
-/// What a device presents to the tunnel server; the password signs the control messages of both sides.
+/// A device's login at the tunnel server; the password signs the control messages of both sides.
 struct Credentials {
     std::string username, password;
 };
@@ -18,9 +18,10 @@ public:
     bool IsToken(const std::string& token) const;
 
     /// Registers a device, with a new password each time.
-    /// @return null when there are maxDevices already; valid until the device is added or removed again
+    /// @return null when there are maxDevices already; the pointer is valid until the device is added again
+    ///         or removed
     const Credentials* Add(const std::string& deviceId);
-    /// @return whether there was such a device
+    /// @return whether the device was registered
     bool Remove(const std::string& deviceId) { return devices.erase(deviceId) > 0; }
     const Credentials* Find(const std::string& deviceId) const;
 

@@ -17,8 +17,8 @@
 
 namespace lab {
 
-/// The whole cloud: what a device needs to register and to be reached, and the local ports
-/// that lead to its services.
+/// The whole cloud: the services that a device needs to register and to be reached, and the local ports that
+/// lead to its own services.
 class Lab {
 public:
     struct Identity {
@@ -26,13 +26,13 @@ public:
         std::string apiVersion = "2.1.0";
     };
 
-    /// Listens at once; `loop` makes it live.
+    /// Listens at once and serves while `loop` runs.
     /// @param frameBytes the largest payload of the frames that it sends
-    /// @throws std::system_error when a port cannot be had, naming it
+    /// @throws std::system_error naming the port that cannot be opened
     Lab(asio::io_context& loop, Ports wantedPorts, Timings delays, const Identity& identity,
         Report::Sink sink, std::size_t frameBytes = maxPayloadBytes);
 
-    /// Closes everything; then `loop` runs out of work.
+    /// Closes everything, so that `loop` runs out of work.
     void Stop();
 
     Report& Events() { return report; }

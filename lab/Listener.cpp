@@ -42,7 +42,7 @@ void Listener::OnAccepted(std::error_code error, tcp::socket& client) {
         pause.expires_after(pauseAfterFailure);
         return pause.async_wait(Weakly(this, &Listener::OnPaused));
     }
-    std::error_code ignored;  // a client that has gone again shows it at the first read
+    std::error_code ignored;  // the first read reports a client that is lost already
     client.set_option(tcp::no_delay(true), ignored);
     Accept();
     onClient(std::move(client));

@@ -10,14 +10,15 @@ namespace {
 
 constexpr int badOptions = 2;
 
-/// A reason to refuse the option's value, or "" as the library wants it.
+/// The reason to refuse the option's value; "" accepts it, as the library expects.
 std::string FaultOfAddress(const std::string& text) {
     std::error_code error;
     asio::ip::make_address_v4(text, error);
     return error ? "\"" + text + "\" is no numeric IPv4 address" : "";
 }
 
-/// Control characters have no place in a line of the environment file, nor in a text for a device.
+/// Refuses control characters, because a line of the environment file or a text for a device must not hold
+/// any.
 std::string FaultOfText(const std::string& text) {
     const auto isControl = [](unsigned char c) { return c < ' ' || c == 0x7F; };
     return std::any_of(text.begin(), text.end(), isControl) ? "control characters are not allowed" : "";

@@ -10,7 +10,7 @@
 
 namespace lab {
 
-/// What the command line asks for.
+/// The settings of the command line.
 struct Options {
     Ports ports;
     AgentSettings agent;
@@ -20,12 +20,12 @@ struct Options {
     std::chrono::seconds reportEvery{0};  ///< 0: never
 };
 
-/// Thrown when there is nothing to run: help was asked for, or the command line is wrong.
+/// Thrown when the program is to end at once, because help was asked for or the command line is wrong.
 struct ExitNow {
     int status;
 };
 
-/// @throws ExitNow after it has written help or version to standard output, or a message to standard error
+/// @throws ExitNow after writing help or version to standard output, or a message to standard error
 Options ReadOptions(int argc, char** argv);
 
 }  // namespace lab

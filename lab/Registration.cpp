@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::string_view removePath = "/clients/remove/id/";
 
-/// The answer is known already: an error, and what it is for.
+/// Ends the handling of a request with an HTTP error and its reason.
 struct Refusal : std::runtime_error {
     Refusal(int httpStatus, const std::string& reason) : std::runtime_error(reason), status(httpStatus) {}
     int status;
@@ -25,7 +25,7 @@ void Require(bool holds, const std::string& reason) {
     if (!holds) throw Refusal(400, reason);
 }
 
-/// What a member must look like.
+/// A condition on one member of an object.
 struct Rule {
     const char* name;
     bool (*holds)(const json& value);
@@ -34,7 +34,8 @@ struct Rule {
 };
 
 bool IsText(const json& value) { return value.is_string(); }
-/// Control characters would need an escape where the text goes on from here, and some devices read none.
+/// Control characters are refused, because later messages with this text would have to escape them, and some
+/// devices read no escapes.
 bool IsName(const json& value) {
     if (!value.is_string()) return false;
     const auto& text = value.get_ref<const std::string&>();
@@ -47,7 +48,7 @@ bool IsZero(const json& value) { return value.is_number_integer() && value == 0;
 bool IsPort(const json& value) { return value.is_number_integer() && value > 0 && value < 65536; }
 bool IsObject(const json& value) { return value.is_object(); }
 
-/// Exactly these members, each as its rule says.
+/// Requires an object with exactly these members, of which each follows its rule.
 void Check(const json& object, const std::string& name, const std::vector<Rule>& rules) {
     Require(object.is_object(), name + " must be an object");
     for (const Rule& rule : rules) {
@@ -119,7 +120,7 @@ ApiReply Registration::Dispatch(const ApiRequest& request) {
     throw Refusal(404, "no such call");
 }
 
-// A device that was not there is no fault: every device removes itself before it adds itself.
+// An unknown device is not reported, because every device removes itself before it adds itself.
 ApiReply Registration::RemoveDevice(const std::string& deviceId) {
     routes.RemoveDevice(deviceId);
     const bool known = directory.Remove(deviceId);

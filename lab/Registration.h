@@ -8,18 +8,18 @@
 
 namespace lab {
 
-/// A request to the registration API, HTTP taken off.
+/// A request to the registration API, without its HTTP.
 struct ApiRequest {
     std::string method, path, token, body;
-    std::string reachedAt;  ///< numeric address at which the device has found us
+    std::string reachedAt;  ///< numeric address that the device has connected to
 };
 struct ApiReply {
     int status = 200;
     std::string body;  ///< one JSON object, whatever the status
 };
 
-/// Decides what the registration API answers. It is strict, so that a device's slip shows here and not in
-/// the field: whatever is missing, has the wrong type or has no business there is named in a 400. On the
+/// Answers the requests to the registration API. It is strict, so that a device's fault is found here and not
+/// in the field: a 400 names the member that is missing, has the wrong type or does not belong there. On the
 /// event loop only.
 class Registration {
 public:

@@ -1,7 +1,12 @@
 #include "lab/RegistrationApi.h"
 
 #include <httplib.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -13,19 +18,78 @@ namespace lab {
 
 namespace {
 
-constexpr std::size_t threadCount = 4;
-constexpr std::size_t maxPathBytes = 512;  // the library's routing recurses over the path
-constexpr std::chrono::seconds clientPatience{
-    2};  // so long may a client keep a thread waiting for its next byte
-constexpr std::chrono::seconds loopPatience{5};  // only a lab that is coming down ever takes so long
+using Clock = std::chrono::steady_clock;
 
-void SetOptions(int listeningSocket) {  // the library's own choice would let two labs share one port
+constexpr std::size_t threadCount = 16;
+constexpr std::size_t maxPathBytes = 512;         // the library's routing recurses over the path
+constexpr std::chrono::seconds requestLimit{2};   // for a whole request, however many bytes arrive meanwhile
+constexpr std::chrono::seconds responseLimit{2};  // for the client to take more of the response
+constexpr std::chrono::seconds loopPatience{5};   // the loop takes this long only when the lab is stopping
+
+/// One client's socket. All reads together end at `deadline`: the library would only limit each of them, so a
+/// client that sends one byte a second would hold its thread for ever.
+class BoundedStream final : public httplib::Stream {
+public:
+    BoundedStream(int connectedSocket, Clock::time_point readDeadline)
+        : handle(connectedSocket), deadline(readDeadline) {}
+
+    bool is_readable() const override { return next < end || WaitUntil(deadline, POLLIN); }
+    bool is_writable() const override { return WaitUntil(Clock::now() + responseLimit, POLLOUT); }
+    ssize_t read(char* target, std::size_t size) override {
+        if (next == end && !Refill()) return -1;
+        const std::size_t count = std::min(size, end - next);
+        std::copy_n(bytes.begin() + next, count, target);
+        next += count;
+        return static_cast<ssize_t>(count);
+    }
+    ssize_t write(const char* source, std::size_t size) override {
+        return is_writable() ? send(handle, source, size, MSG_NOSIGNAL) : -1;
+    }
+    // Nobody asks for the addresses.
+    void get_remote_ip_and_port(std::string&, int&) const override {}
+    void get_local_ip_and_port(std::string&, int&) const override {}
+    socket_t socket() const override { return handle; }
+
+private:
+    bool WaitUntil(Clock::time_point time, short event) const {
+        pollfd poller{handle, event, 0};
+        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(time - Clock::now());
+        return rest.count() > 0 && poll(&poller, 1, static_cast<int>(rest.count())) == 1;
+    }
+    /// The library reads headers byte by byte; this saves it a system call for each.
+    bool Refill() {
+        const ssize_t size = WaitUntil(deadline, POLLIN) ? recv(handle, bytes.data(), bytes.size(), 0) : 0;
+        next = 0;
+        end = size > 0 ? static_cast<std::size_t>(size) : 0;
+        return end > 0;
+    }
+
+    const int handle;
+    const Clock::time_point deadline;
+    std::array<char, 4096> bytes;
+    std::size_t next = 0, end = 0;
+};
+
+/// Serves one request on each connection.
+class Server final : public httplib::Server {
+    bool process_and_close_socket(socket_t client) override {
+        BoundedStream stream(client, Clock::now() + requestLimit);
+        bool closed = false;
+        const bool served = process_request(stream, true, closed, nullptr);
+        shutdown(client, SHUT_RDWR);
+        close(client);
+        return served;
+    }
+};
+
+// The library's own options would let two labs share one port.
+void SetOptions(int listeningSocket) {
     const int on = 1;
     setsockopt(listeningSocket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
 }
 
-/// The host that the device used, if it used an address; this serves devices that reach us through a
-/// forwarded port.
+/// The host of the device's request when that is an address, so that a device that reaches us through a
+/// forwarded port finds the tunnel server in the same way; otherwise our own address.
 std::string ReachedAt(const httplib::Request& request, const asio::ip::address& ours) {
     const std::string host = request.get_header_value("Host");
     std::error_code notNumeric;
@@ -63,13 +127,11 @@ struct RegistrationApi::Http {
             .Patch(".*", handle);
         server.set_pre_routing_handler(RefuseLongPaths);
         server.set_tcp_nodelay(true).set_socket_options(SetOptions).set_payload_max_length(maxApiBodyBytes);
-        server.set_keep_alive_max_count(1).set_keep_alive_timeout(clientPatience.count());
-        server.set_read_timeout(clientPatience).set_write_timeout(clientPatience);
         server.new_task_queue = [] { return new httplib::ThreadPool(threadCount); };
     }
 
     void Handle(const httplib::Request& request, httplib::Response& response) {
-        // By value: should we stop waiting, the loop may still come to it.
+        // The call is copied, because the loop may still handle it when we do not wait any more.
         auto reply =
             asio::post(io, asio::use_future([handler = &registration, call = Translate(request, ours)] {
                            return handler->Handle(call);
@@ -86,15 +148,15 @@ struct RegistrationApi::Http {
     asio::io_context& io;
     asio::ip::address ours;
     Registration& registration;
-    httplib::Server server;
+    Server server;
 };
 
 RegistrationApi::RegistrationApi(asio::io_context& io, const Ports& ports, Registration& handler)
     : http(std::make_unique<Http>(io, ports.address, handler)) {
     port = Bind(io, ports);
     thread = std::thread([this, working = asio::make_work_guard(io)] { http->server.listen_after_bind(); });
-    while (!http->server.is_running())
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // or Stop is lost
+    // Otherwise a Stop that comes before the thread has begun to listen would be lost.
+    while (!http->server.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 unsigned short RegistrationApi::Bind(asio::io_context& io, const Ports& ports) {
@@ -103,7 +165,7 @@ unsigned short RegistrationApi::Bind(asio::io_context& io, const Ports& ports) {
                       : http->server.bind_to_port(address, ports.api) ? ports.api
                                                                       : -1;
     if (bound >= 0) return static_cast<unsigned short>(bound);
-    Listen(io, {ports.address, ports.api});  // the library does not say what is wrong, but a trial does
+    Listen(io, {ports.address, ports.api});  // throws with the reason, which the library does not tell
     throw std::runtime_error("the registration API cannot listen");
 }
 

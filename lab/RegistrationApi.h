@@ -9,12 +9,14 @@
 
 namespace lab {
 
-/// The registration API's HTTP side. It has threads of its own, which only speak HTTP: every request is
-/// handled on the event loop, so that nothing else in the lab needs a lock. The loop stays busy until the
-/// last thread has ended.
+/// The HTTP server of the registration API. Its own threads only read and write HTTP; every request is
+/// handled on the event loop, so that nothing else in the lab needs a lock. The loop does not run out of work
+/// until the last thread has ended.
 class RegistrationApi {
 public:
-    /// Serves at once. @param handler called on `io` @throws std::system_error when the port cannot be had
+    /// Serves at once.
+    /// @param handler called on `io`
+    /// @throws std::system_error when the port cannot be opened
     RegistrationApi(asio::io_context& io, const Ports& ports, Registration& handler);
     /// Stops, then waits for the threads.
     ~RegistrationApi();
@@ -22,7 +24,7 @@ public:
     RegistrationApi& operator=(const RegistrationApi&) = delete;
 
     unsigned short Port() const { return port; }
-    /// Returns at once; a request being handled comes to its end.
+    /// Returns at once; requests that are being handled are still answered.
     void Stop();
 
 private:

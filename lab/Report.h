@@ -8,17 +8,17 @@
 
 namespace lab {
 
-/// What happened since the start. The first three are what is there now.
+/// The first three count what exists now, the others what has happened since the start.
 struct Counters {
     std::size_t devices = 0;                     ///< connected
     std::size_t routes = 0;                      ///< with a local port
     std::size_t sessions = 0;                    ///< open or still closing
-    std::uint64_t opened = 0;                    ///< sessions, ever
+    std::uint64_t opened = 0;                    ///< all sessions since the start
     std::uint64_t toDevice = 0, fromDevice = 0;  ///< payload bytes of sessions
     std::uint64_t errors = 0;
 };
 
-/// What the lab tells its engineer, one event a line. On the event loop only.
+/// Reports events to the engineer, one on each line. On the event loop only.
 class Report {
 public:
     using Sink = std::function<void(const std::string& line)>;
@@ -27,9 +27,9 @@ public:
     Counters counters;
 
     void Event(const std::string& line) { sink(line); }
-    /// Counts what a peer did wrong and tells of it, but not of more than errorLinesPerSecond: a device that
-    /// errs in a loop must not take the terminal away. How many were kept back is told with the next one, or
-    /// with the totals.
+    /// Counts a peer's fault and reports it, but at most errorLinesPerSecond of them, so that a device that
+    /// errs in a loop does not flood the terminal. The number of those that were not shown is reported with a
+    /// later one or with the totals.
     void Error(const std::string& text);
     void Totals();
 
@@ -39,13 +39,14 @@ private:
     void TellHowManyWereKeptBack();
 
     Sink sink;
-    std::chrono::steady_clock::time_point second;  // the errors told since then: toldInSecond
+    std::chrono::steady_clock::time_point
+        second;  // when the current second began; it has had toldInSecond errors
     int toldInSecond = 0;
     std::uint64_t keptBack = 0;
 };
 
-/// A text from outside as one word of a line: what is not printable ASCII becomes '_', and it
-/// is cut at 200 bytes.
+/// A text from outside as one word of a line: every byte that is not printable ASCII becomes '_', and the
+/// text is cut at 200 bytes.
 std::string Word(std::string_view text);
 
 }  // namespace lab

@@ -31,7 +31,8 @@ void RouteTable::Open(Entry& entry) {
     ++report.counters.routes;
 }
 
-// Entries stay where they are in the map, and a listener dies with its entry: it may keep the reference.
+// The listener may keep the reference, because entries do not move in the map and a listener ends with its
+// entry.
 std::shared_ptr<Listener> RouteTable::Listen(const Entry& entry, unsigned short localPort) {
     return std::make_shared<Listener>(
         io, tcp::endpoint(ports.address, localPort), report,

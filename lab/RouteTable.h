@@ -18,18 +18,18 @@ struct Route {
     unsigned short remotePort = 0;  ///< on the device
 };
 
-/// The local ports of the routes that devices have registered. A device that registers again finds its
-/// clients at the same ports, as long as nobody else has taken them. On the event loop only.
+/// The local ports of the routes that devices have registered. The routes of a device that registers again
+/// get the same ports, unless another program has taken them meanwhile. On the event loop only.
 class RouteTable {
 public:
     using OnClient = std::function<void(const Route&, asio::ip::tcp::socket)>;
     RouteTable(asio::io_context& loop, const Ports& fixedPorts, Report& reportOfLab, OnClient clientHandler)
         : io(loop), ports(fixedPorts), report(reportOfLab), onClient(std::move(clientHandler)) {}
 
-    /// Opens the route's port; one that is open already leads to the new remote port from now on.
+    /// Opens the route's port. A port that is open already leads to the new remote port from now on.
     /// @return false when there are maxRoutes already
     bool Add(const Route& route);
-    /// Closes the ports of a device. Sessions go on.
+    /// Closes the ports of a device. Its sessions go on.
     void RemoveDevice(const std::string& deviceId);
     void Clear();
 
@@ -37,7 +37,7 @@ private:
     struct Entry {
         Route route;
         unsigned short localPort = 0;        // kept while closed
-        std::shared_ptr<Listener> listener;  // none: closed
+        std::shared_ptr<Listener> listener;  // null while closed
     };
     void Open(Entry& entry);
     void Close(Entry& entry);

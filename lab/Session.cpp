@@ -1,5 +1,8 @@
 #include "lab/Session.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -27,12 +30,13 @@ void Session::Start() {
     ++report.counters.opened;
     report.Event("session " + id + " " + Word(route.deviceId) + " " + Word(route.service) + " opened");
     socket.non_blocking(true);
-    OnReadable({});  // what the client has said already leaves together with the news of its session
+    OnReadable({});  // bytes that the client has sent already leave together with the news of its session
 }
 
-// We wait for bytes without a buffer: a thousand idle clients cost nothing, and busy ones read straight into
-// the frames that go to the device. Once the session is not open any more, what the client sends is read and
-// dropped, or it might never get to read what we still have for it.
+// The wait needs no buffer, so a thousand idle clients cost nothing; the bytes of busy ones are read straight
+// into the frames that go to the device. Once the session is not open any more, the client's bytes are read
+// and dropped; otherwise a client that is stuck with writing would never read the bytes that we still have
+// for it.
 void Session::ReadMore() {
     if (reading || clientDone || state == State::Closed) return;
     if (state == State::Open && !link.HasRoom()) return link.WaitForRoom(shared_from_this());
@@ -50,7 +54,8 @@ void Session::OnReadable(std::error_code error) {
     ReadMore();
 }
 
-// One read fills several frames if they are small: otherwise the lab would be slower than the devices that it is to test.
+// One read fills several frames if they are small; otherwise the lab would be slower than the devices that it
+// tests.
 std::error_code Session::ReadFrames() {
     const std::size_t frameBytes = link.FrameBytes();
     const std::size_t stride = frameHeaderBytes + frameBytes;
@@ -92,6 +97,16 @@ void Session::LoseClient(const char* who) {
     Close();
 }
 
+// A client that has closed its socket refuses our bytes, but those that it sent before are still there to be
+// read. They belong to the device; the read that finds their end then ends the session.
+void Session::StopWriting() {
+    if (state != State::Open) return LoseClient("client");
+    clientRefuses = true;
+    toClient = std::make_shared<Outbox>();
+    writing = false;
+    SetBlocking(false);
+}
+
 void Session::End(State next, const char* who) {
     state = next;
     endedBy = who;
@@ -112,22 +127,42 @@ void Session::WaitForQuiet(Clock::time_point since) {
 void Session::OnQuietOver(std::error_code error) {
     if (error || state == State::Closed || state == State::Finishing) return;
     const auto now = Clock::now();
-    const bool delivers = state == State::Ending && toClient->Size() > 0;
-    const auto since = delivers ? now : std::max(lastArrival, link.LastBlocked());
-    state == State::Draining || since + timings.quiet <= now ? Close() : WaitForQuiet(since);
+    if (OwesClient(now)) return WaitForQuiet(now);
+    const auto since =
+        state == State::Draining ? now - timings.quiet : std::max(lastArrival, link.LastBlocked());
+    since + timings.quiet <= now ? Close() : WaitForQuiet(since);
 }
+
+// After our close, the next byte that the client sends would reset the connection, and the client would lose
+// all bytes that it has not read yet. So we wait for a client that still takes bytes, and for one that takes
+// none as long as for every other. The stall timer watches over bytes that are still in the outbox.
+bool Session::OwesClient(Clock::time_point now) {
+    std::error_code lost;
+    socket.remote_endpoint(lost);
+    if (lost) return false;
+    if (toClient->Size() > 0) return true;
+    int unacknowledged = 0;
+    if (ioctl(socket.native_handle(), SIOCOUTQ, &unacknowledged) != 0 || unacknowledged == 0) return false;
+    if (std::exchange(lastUnacknowledged, unacknowledged) != unacknowledged) lastProgress = now;
+    if (now - lastProgress < timings.stall) return true;
+    LogStalled();
+    return false;
+}
+
+void Session::LogStalled() { report.Error("session " + id + ": its client takes nothing, dropped"); }
 
 void Session::Deliver(std::string_view bytes) {
     gotFromDevice += bytes.size();
     report.counters.fromDevice += bytes.size();
     if (state != State::Open) lastArrival = Clock::now();
-    if (state != State::Open && state != State::Ending) return;
+    if (clientRefuses || (state != State::Open && state != State::Ending)) return;
     if (toClient->Size() == 0) lastProgress = Clock::now();
     toClient->Back().Append(bytes);
     if (toClient->Size() > clientBacklogBytes) SetBlocking(true);
     if (state == State::Ending) WatchForStall();
     if (std::exchange(writing, true)) return;
-    // Not at once: the device's next frames are probably there already and go with this one.
+    // Not at once, because the device's next frames are probably there already; all of them leave in one
+    // write.
     asio::post(socket.get_executor(), [weak = weak_from_this()] {
         if (auto self = weak.lock()) self->Write();
     });
@@ -142,7 +177,7 @@ void Session::Write() {
 
 void Session::OnWritten(std::error_code error, std::size_t size) {
     if (!socket.is_open()) return;
-    if (error) return LoseClient("client");
+    if (error) return StopWriting();
     toClient->Sent(size);
     lastProgress = Clock::now();
     if (toClient->Size() < clientBacklogBytes / 2) SetBlocking(false);
@@ -161,8 +196,7 @@ void Session::Finish() {
     if (!writing) OnAllDelivered();
 }
 
-// Closing before the client's own end would reset the connection if it has sent anything more, and the client
-// might lose what it has not read yet.
+// The socket stays open until the client's own end, for the reason that OwesClient tells.
 void Session::OnAllDelivered() {
     std::error_code ignored;
     socket.shutdown(tcp::socket::shutdown_send, ignored);
@@ -184,13 +218,14 @@ void Session::WatchForStall() {
     stallTimer.async_wait(Weakly(this, &Session::OnStallCheck));
 }
 
-// A client in nobody's way may take as long as it likes: somebody may have stopped it in a debugger.
+// A client for which nobody waits may take as long as it likes, because somebody may have stopped it in a
+// debugger.
 void Session::OnStallCheck(std::error_code error) {
     watching = false;
     if (error || !socket.is_open()) return;
     const bool isInTheWay = state != State::Open || (blocking && link.HasOthers());
     if (isInTheWay && toClient->Size() > 0 && Clock::now() - lastProgress >= timings.stall) {
-        report.Error("session " + id + ": its client takes nothing, dropped");
+        LogStalled();
         return LoseClient("lab");
     }
     if (state != State::Open || blocking) WatchForStall();

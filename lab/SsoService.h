@@ -11,19 +11,19 @@
 
 namespace lab {
 
-/// One exchange: a request comes, its answer goes, the connection closes.
-///   Start -> OnLength -> OnRequest -> OnAnswered -> Stop; OnLate stops it too             (on `io`'s one thread)
+/// One exchange: reads a request, writes its answer and closes the connection.
+///   Start -> OnLength -> OnRequest -> OnAnswered -> Stop; OnLate stops it too    (on `io`'s one thread)
 class SsoExchange : public std::enable_shared_from_this<SsoExchange> {
 public:
-    /// Who owns it and knows the answers.
+    /// Owns the exchange and answers its request.
     class Owner {
     public:
         virtual ~Owner() = default;
-        /// @param reachedAt the address at which the peer has found us
-        /// @throws std::invalid_argument when the request is none; what() tells the peer's fault
+        /// @param reachedAt the address that the peer has connected to
+        /// @throws std::invalid_argument when the text is no request; what() names the peer's fault
         virtual std::string Answer(const std::string& request, const asio::ip::address& reachedAt) = 0;
-        virtual void Over(SsoExchange& exchange,
-                          const std::string& fault) = 0;  ///< `fault` empty: all went well
+        /// @param fault empty when the exchange has succeeded
+        virtual void Over(SsoExchange& exchange, const std::string& fault) = 0;
     };
 
     SsoExchange(asio::ip::tcp::socket client, Owner& exchangeOwner, std::chrono::milliseconds limit);
@@ -39,8 +39,8 @@ private:
     asio::ip::tcp::socket socket;
     asio::steady_timer timer;
     Owner& owner;
-    std::shared_ptr<std::string> bytes =
-        std::make_shared<std::string>(4, '\0');  // length, request, answer in turn
+    // Holds first the length, then the request, then the answer.
+    std::shared_ptr<std::string> bytes = std::make_shared<std::string>(4, '\0');
 };
 
 /// Issues tokens and tells devices where the rest of the cloud is.
@@ -52,12 +52,13 @@ public:
         unsigned short apiPort = 0, tunnelPort = 0;
     };
 
-    /// @throws std::system_error when the port cannot be had
+    /// @throws std::system_error when the port cannot be opened
     SsoService(asio::io_context& io, const Ports& ports, const Timings& timings, Replies knownReplies,
                Report& report);
 
     unsigned short Port() const { return listener->Port(); }
-    /// @param request JSON text @return JSON text @throws std::invalid_argument when there is no such request
+    /// Answers a JSON text with a JSON text.
+    /// @throws std::invalid_argument when there is no such request
     std::string Answer(const std::string& request, const asio::ip::address& reachedAt) override;
 
 private:

@@ -8,8 +8,8 @@ using asio::ip::tcp;
 
 namespace {
 
-/// Session ids are exactly 16 characters, or devices cannot match data to them. They are never used twice: a
-/// device may still hold an old one long after its end.
+/// A session id has exactly 16 characters, because devices could not match data to one of another length. No
+/// id is used twice, because a device may still know an old one long after its end.
 std::string SessionId(std::uint64_t number) {
     const std::string digits = std::to_string(number);
     return std::string(sessionIdBytes - digits.size(), '0') + digits;

@@ -14,10 +14,11 @@
 
 namespace lab {
 
-/// Accepts the devices' connections and gives each client a session on the right one. On the event loop only.
+/// Accepts the connections of devices and opens a session on the right one for each client. On the event loop
+/// only.
 class TunnelServer final : DeviceConnection::Owner {
 public:
-    /// @throws std::system_error when the port cannot be had
+    /// @throws std::system_error when the port cannot be opened
     TunnelServer(asio::io_context& io, const Ports& ports, const Timings& labTimings,
                  std::size_t largestPayload, const Directory& knownDevices, Report& reportOfLab);
     TunnelServer(const TunnelServer&) = delete;

@@ -10,11 +10,11 @@
 #include "lab/Listener.h"
 #include "lab/Options.h"
 
-/// The lab as a program: its lines go to standard output, signals stop it.
+/// The lab as a program: reports to standard output, and stops on a signal.
 namespace {
 
-/// An HTTP client that trickles its request holds a thread of the API; it must not hold the
-/// process for longer.
+/// A slow HTTP client holds a thread of the API for some time; it must not hold the process for longer than
+/// this.
 constexpr std::chrono::seconds stopPatience{3};
 
 void Print(const std::string& line) { std::cout << line << std::endl; }
@@ -93,8 +93,8 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE,
-                SIG_IGN);  // a closed terminal, or a pipe's reader that has gone, is no reason to stop
+    // The lab goes on when the terminal or the pipe that its lines go to is closed.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         const lab::Options options = lab::ReadOptions(argc, argv);
         Program(options).Run();

@@ -17,8 +17,8 @@ using Headers = std::unique_ptr<curl_slist, HeadersDeleter>;
 
 void Append(Headers& headers, const std::string& line) {
     curl_slist* longer = curl_slist_append(headers.get(), line.c_str());
-    if (longer == nullptr) throw std::bad_alloc();  // the list so far is still ours
-    static_cast<void>(headers.release());           // it is part of the longer one now
+    if (longer == nullptr) throw std::bad_alloc();  // `headers` still owns the shorter list
+    static_cast<void>(headers.release());           // the shorter list is part of the longer one now
     headers.reset(longer);
 }
 
@@ -44,7 +44,8 @@ HttpResponse CurlConnection::Get(const std::string& url, const std::string& toke
 HttpResponse CurlConnection::Post(const std::string& url, const std::string& token, const std::string& body) {
     PrepareHandle();
     curl_easy_setopt(handle.get(), CURLOPT_HTTPGET, 0L);
-    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.c_str());  // not copied: outlives the request
+    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS,
+                     body.c_str());  // not copied; `body` outlives the request
     return Perform(url, token);
 }
 
@@ -67,16 +68,16 @@ void CurlConnection::PrepareHandle() {
 
 HttpResponse CurlConnection::Perform(const std::string& url, const std::string& token) {
     HttpResponse response;
-    const Handle curl = std::move(handle);  // released, after the headers, on whichever way we leave
+    const Handle curl = std::move(handle);  // released after the headers, also when something throws
     const Headers headers = MakeHeaders(token);
     curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, &CurlConnection::WriteCallback);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &response.body);
-    response.curlCode = curl_easy_perform(curl.get());
-    if (response.curlCode != CURLE_OK) {
+    const CURLcode code = curl_easy_perform(curl.get());
+    if (code != CURLE_OK) {
         LogWrite("CurlConnection", __LINE__, logWarning, "Curl error, code: %d, url: %s",
-                 static_cast<int>(response.curlCode), url.c_str());
+                 static_cast<int>(code), url.c_str());
         throw std::runtime_error("curl_easy_perform() failed");
     }
     curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &response.httpCode);
@@ -89,7 +90,7 @@ std::size_t CurlConnection::WriteCallback(char* data, std::size_t size, std::siz
         static_cast<std::string*>(body)->append(data, size * count);
         return size * count;
     } catch (const std::exception&) {
-        return 0;  // no exception may cross libcurl's frames; this makes it end the transfer with an error
+        return 0;  // No exception may pass through libcurl's code; 0 makes it end the transfer with an error.
     }
 }
 

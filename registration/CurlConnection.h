@@ -7,20 +7,20 @@
 
 namespace nox::tunnel_client {
 
-/// What came back, whatever the status: a 404 is as much of an answer as a 200.
+/// The reply to a request, whatever its status: a 404 is returned like a 200.
 struct HttpResponse {
-    CURLcode curlCode = CURLE_OK;  ///< always CURLE_OK in a response that was returned
-    long httpCode = 0;             ///< of the last response, after redirects
-    std::string body;              ///< not limited in size
+    long httpCode = 0;  ///< of the last response, after redirects
+    std::string body;   ///< not limited in size
 };
 
 /// Blocking HTTP requests with a JSON content type and a bearer token, each limited to 30 seconds. Every
 /// request has a libcurl handle of its own, so nothing (connections, cookies, TLS state) is carried over to
-/// the next. Servers are verified, and everything else is done, as libcurl does by default.
+/// the next. Everything else, such as the verification of servers, is as libcurl does it by default.
 ///
-/// The life of an instance spans libcurl's global initialisation, so a process has one, made while no other
-/// thread runs. The methods throw std::runtime_error: "Curl initialization failed", or "curl_easy_perform()
-/// failed" when the transfer failed, with libcurl's code and the url in the log; and std::bad_alloc.
+/// The constructor initialises libcurl for the whole process and the destructor cleans it up, so a process
+/// has one instance, made while no other thread runs. The methods throw std::bad_alloc, std::runtime_error
+/// "Curl initialization failed", and std::runtime_error "curl_easy_perform() failed" when the transfer
+/// failed; libcurl's code and the url are then in the log.
 class CurlConnection {
 public:
     CurlConnection();
@@ -28,6 +28,7 @@ public:
     CurlConnection(const CurlConnection&) = delete;
     CurlConnection& operator=(const CurlConnection&) = delete;
 
+    /// The agent itself does not call this; it only posts and deletes.
     HttpResponse Get(const std::string& url, const std::string& token);
     /// @param body JSON text, sent up to its first NUL
     HttpResponse Post(const std::string& url, const std::string& token, const std::string& body);

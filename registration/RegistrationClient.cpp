@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::size_t avlIdCharacters = 8;
 constexpr std::int32_t refusalsBetweenResets = 12;
-constexpr std::int32_t versionWithMetadata = 0x020000;  ///< and with credentials in an object of their own
+/// From this version on, AddDevice sends metadata, and the credentials in an object of their own.
+constexpr std::int32_t versionWithMetadata = 0x020000;
 
 std::string LowerHexDigits(const std::string& text) {
     std::string digits;
@@ -26,9 +27,9 @@ std::string LowerHexDigits(const std::string& text) {
     return digits;
 }
 
-/// "2.1.0" gives 0x020100. Only the first three parts count. Fewer are not padded, on purpose: "2.1" gives
-/// 0x000201, which is older than 2.0.0 and so gets the old form of AddDevice.
-/// @throws std::invalid_argument or std::out_of_range "stoi" for a part that is no number, or empty
+/// "2.1.0" gives 0x020100. Only the first three parts count. Fewer parts are deliberately not padded: "2.1"
+/// gives 0x000201, which counts as older than 2.0.0 and so gets the old form of AddDevice.
+/// @throws std::invalid_argument or std::out_of_range "stoi" for a part that is empty or no number
 std::int32_t PackVersion(const std::string& text) {
     std::int32_t packed = 0;
     std::size_t start = 0;
@@ -40,7 +41,8 @@ std::int32_t PackVersion(const std::string& text) {
     return packed;
 }
 
-/// @throws std::invalid_argument without a colon, and "stoi" when no number follows the first one
+/// Splits "host:port" at the first colon.
+/// @throws std::invalid_argument when there is no colon, and "stoi" when no number follows the first one
 std::pair<std::string, std::int32_t> SplitEndpoint(const std::string& endpoint) {
     const std::size_t colon = endpoint.find(':');
     if (colon == std::string::npos)
@@ -48,7 +50,8 @@ std::pair<std::string, std::int32_t> SplitEndpoint(const std::string& endpoint) 
     return {endpoint.substr(0, colon), std::stoi(endpoint.substr(colon + 1))};
 }
 
-/// The member `key` of `object`, which must live on.
+/// The member `key` of `object`, which must outlive the result.
+/// @throws Exception with `complaint` when there is no such member
 template <typename Exception>
 json::jobject::const_proxy Member(const json::jobject& object, const char* key, const char* complaint) {
     if (!object.has_key(key)) throw Exception(complaint);
@@ -77,9 +80,9 @@ void RegistrationClient::SetMacAddress(const std::string& mac) {
     LogWrite("RegistrationClient", __LINE__, logDebug, "Device AVL id: %s", avlId.c_str());
 }
 
-void RegistrationClient::Register() {
+TunnelAccess RegistrationClient::Register() {
     if (!discovered) DiscoverOnce();
-    RegisterDevice();
+    return RegisterDevice();
 }
 
 void RegistrationClient::DiscoverOnce() {
@@ -92,15 +95,16 @@ void RegistrationClient::DiscoverOnce() {
     discovered = true;
 }
 
-void RegistrationClient::RegisterDevice() {
+TunnelAccess RegistrationClient::RegisterDevice() {
     try {
         const std::string token = SSOConnection::GetToken(config.ssoHost, config.ssoPort);
         if (token.empty()) throw std::runtime_error("Failed to get tunnel token");
         LogWrite("RegistrationClient", __LINE__, logInfo, "Registering with %s", apiEndpoint.c_str());
         RemoveDevice(token);
-        AddDevice(token);
+        TunnelAccess access = AddDevice(token);
         AddRoutes(token);
         LogWrite("RegistrationClient", __LINE__, logInfo, "Device %s registered", deviceId.c_str());
+        return access;
     } catch (const std::exception& e) {
         LogWrite("RegistrationClient", __LINE__, logError, "Registration failed: %s", e.what());
         throw std::runtime_error("Registration failed");
@@ -122,11 +126,11 @@ void RegistrationClient::ReadDiscoveryData(const json::jobject& data) {
     const json::jobject server =
         Member<Fault>(configObject, "tunnelServer", "Missing config.tunnelServer in response");
     apiEndpoint = Member<Fault>(server, "apiEndpoint", "Missing config.tunnelServer.apiEndpoint in response");
-    // That there is a tunnel server is all we want to know here; AddDevice says where it is.
+    // Only the presence of this member counts; the reply to AddDevice names the tunnel server that is used.
     Member<Fault>(server, "serverEndpoint", "Missing config.tunnelServer.serverEndpoint in response");
     clientMode = "tunnel-client";
     tenantId = Member<Fault>(data, "tenantId", "Missing discovery_data.tenantId in response");
-    // JSON null reads as this text too.
+    // JSON null is read as this text, too.
     if (tenantId == "null") throw std::runtime_error("Device is not assigned to a tenant");
 }
 
@@ -141,9 +145,10 @@ std::string RegistrationClient::FindDeviceId() const {
 
 void RegistrationClient::RemoveDevice(const std::string& token) {
     const HttpResponse response = curl.Delete(apiEndpoint + "/clients/remove/id/" + deviceId, token);
-    ParseApiVersion(response.body);  // before the status: a refusal has to carry a JSON body all the same
+    // Comes before the check of the status, so a refusal must carry a JSON body, too.
+    ParseApiVersion(response.body);
     CheckResponse(response);
-    // 400 says that there was no such device, which is just as well.
+    // 400 means that the device was not registered, so there is nothing to remove.
     const bool accepted = response.httpCode == 200 || response.httpCode == 400;
     LogWrite("RegistrationClient", __LINE__, accepted ? logInfo : logError, "RemoveDevice: (%ld) %s",
              response.httpCode, response.body.c_str());
@@ -157,7 +162,7 @@ void RegistrationClient::ParseApiVersion(const std::string& body) {
              static_cast<unsigned>(apiVersion));
 }
 
-void RegistrationClient::AddDevice(const std::string& token) {
+TunnelAccess RegistrationClient::AddDevice(const std::string& token) {
     const std::string request = Wrap("client", ClientObject()).as_string();
     LogWrite("RegistrationClient", __LINE__, logInfo, "Adding device %s", deviceId.c_str());
     const HttpResponse response = curl.Post(apiEndpoint + "/clients/add", token, request);
@@ -168,21 +173,21 @@ void RegistrationClient::AddDevice(const std::string& token) {
         throw std::runtime_error("Failed to add device");
     }
     LogWrite("RegistrationClient", __LINE__, logVerbose, "AddDevice: %s", response.body.c_str());
-    ReadAddDeviceReply(json::jobject::parse(response.body));
+    return ReadAddDeviceReply(json::jobject::parse(response.body));
 }
 
-void RegistrationClient::ReadAddDeviceReply(const json::jobject& reply) {
+TunnelAccess RegistrationClient::ReadAddDeviceReply(const json::jobject& reply) const {
     using Fault = std::runtime_error;
     if (!reply.has_key("status") || !reply["status"].is_bool())
         throw Fault("Missing status in AddDevice response");
     if (!static_cast<bool>(reply["status"])) throw Fault("Failed to add device, status = false");
     const json::jobject data = Member<Fault>(reply, "data", "Missing data in AddDevice response");
-    const auto endpoint = SplitEndpoint(
+    TunnelAccess access;
+    access.deviceId = deviceId;
+    std::tie(access.serverHost, access.serverPort) = SplitEndpoint(
         Member<Fault>(data, "tunnelServerEndpoint", "Missing tunnelServerEndpoint in AddDevice response"));
-    const auto credentials = TunnelCredentials(data);
-    // Stored together, so that a reply that is refused halfway leaves the last good one in force.
-    std::tie(tunnelServerHost, tunnelServerPort) = endpoint;
-    std::tie(tunnelUsername, tunnelPassword) = credentials;
+    std::tie(access.username, access.password) = TunnelCredentials(data);
+    return access;
 }
 
 std::pair<std::string, std::string> RegistrationClient::TunnelCredentials(const json::jobject& data) const {
@@ -204,7 +209,7 @@ json::jobject RegistrationClient::ClientObject() const {
     client["tenantId"] = tenantId;
     client["clientMode"] = clientMode;
     if (apiVersion < versionWithMetadata)
-        AddCredentials(client);  // even empty ones
+        AddCredentials(client);  // even when they are empty
     else
         AddCredentialsAndMetadata(client);
     return client;
@@ -258,13 +263,14 @@ json::jobject RegistrationClient::RouteObject(const Route& route) const {
 void RegistrationClient::CheckResponse(const HttpResponse& response) {
     if (response.httpCode == 200) ssoResetCountdown = 0;
     if (response.httpCode != 401 && response.httpCode != 403) return;
-    // Not below 0, where years of failing resets would otherwise take it to the end of its range.
+    // Never below 0; otherwise years of failing resets would take the counter to the end of its range.
     ssoResetCountdown = std::max(ssoResetCountdown - 1, 0);
     if (ssoResetCountdown > 0) return;
     LogWrite("RegistrationClient", __LINE__, logError, "Resetting SSO after getting code (%ld)",
              response.httpCode);
     SSOConnection::Reset(config.ssoHost, config.ssoPort);
-    ssoResetCountdown = refusalsBetweenResets;  // not after a failed reset: the next refusal tries again
+    // A failed reset has thrown, so the countdown stays at 0 and the next refusal tries the reset again.
+    ssoResetCountdown = refusalsBetweenResets;
 }
 
 }  // namespace nox::tunnel_client

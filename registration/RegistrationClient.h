@@ -10,29 +10,30 @@
 
 namespace nox::tunnel_client {
 
-/// Registers the device and its routes with the cloud, and so learns where the tunnel server
-/// is and what to say to it.
+/// The result of a registration: where the tunnel server is, and how the device logs in there.
+struct TunnelAccess {
+    std::string serverHost;
+    std::int32_t serverPort = 0;
+    std::string deviceId;  ///< the configured one; when that is empty, the SSO service's certificate id
+    std::string username;
+    std::string password;
+};
+
+/// Registers the device and its routes with the cloud, and returns how to reach the tunnel server.
 ///
-///   once:       discovery data from the SSO service -> certificate id from it, unless a device id is configured
+///   once:       discovery data from the SSO service -> certificate id from it, unless a device id is known
 ///   each time:  token from the SSO service -> RemoveDevice -> AddDevice -> AddRoute for each route
 ///
-/// Discovery is repeated until it succeeds once in the process's life; what it found is never refreshed.
+/// Discovery is repeated until it has succeeded once; its results are kept and never refreshed.
 ///
-/// One per process, used by one thread; every call blocks.
+/// A process has one instance, used by one thread; every call blocks.
 class RegistrationClient {
 public:
     explicit RegistrationClient(const RegistrationConfig& configuration);
 
-    /// One registration. Nothing is tried twice: calling again, after a pause, is the caller's.
-    /// @throws std::runtime_error "Discovery failed" or "Registration failed"; why is in the log
-    void Register();
-
-    // Where the tunnel is, as of the last Register() that returned.
-    std::string GetTunnelServerHost() const { return tunnelServerHost; }
-    std::int32_t GetTunnelServerPort() const { return tunnelServerPort; }
-    std::string GetDeviceId() const { return deviceId; }  ///< the configured one, or else the certificate id
-    std::string GetTunnelUsername() const { return tunnelUsername; }
-    std::string GetTunnelPassword() const { return tunnelPassword; }
+    /// Makes one registration. Nothing is tried twice: the caller calls again after a pause.
+    /// @throws std::runtime_error "Discovery failed" or "Registration failed"; the reason is in the log
+    TunnelAccess Register();
 
 private:
     void SetMacAddress(const std::string& mac);
@@ -42,11 +43,11 @@ private:
     void ReadDiscoveryData(const json::jobject& data);
     std::string FindDeviceId() const;
 
-    void RegisterDevice();
+    TunnelAccess RegisterDevice();
     void RemoveDevice(const std::string& token);
     void ParseApiVersion(const std::string& body);
-    void AddDevice(const std::string& token);
-    void ReadAddDeviceReply(const json::jobject& reply);
+    TunnelAccess AddDevice(const std::string& token);
+    TunnelAccess ReadAddDeviceReply(const json::jobject& reply) const;
     std::pair<std::string, std::string> TunnelCredentials(const json::jobject& data) const;
     void AddRoutes(const std::string& token);
     void AddRoute(const std::string& token, const Route& route);
@@ -57,24 +58,20 @@ private:
     void AddCredentialsAndMetadata(json::jobject& client) const;
     json::jobject RouteObject(const Route& route) const;
 
-    /// The API's version when it does not tell.
+    /// The API's version when its reply names none.
     static constexpr std::int32_t oldestVersion = 0x010000;
 
     const RegistrationConfig config;
     std::string normalizedMac;  // lower-case hexadecimal digits only
-    std::string avlId;          // the last eight of them, or empty
+    std::string avlId;          // the last eight digits; empty when there are fewer
     bool discovered = false;
     std::string apiEndpoint;  // base URL of the registration API
-    std::string tunnelServerHost;
-    std::int32_t tunnelServerPort = 0;
     std::string deviceId;
     std::string tenantId;
     std::string clientMode;
     CurlConnection curl;
     std::int32_t ssoResetCountdown = 0;       // refusals left before the SSO service is reset
-    std::int32_t apiVersion = oldestVersion;  // a byte for each part, see ParseApiVersion
-    std::string tunnelUsername;
-    std::string tunnelPassword;
+    std::int32_t apiVersion = oldestVersion;  // one byte for each part, see PackVersion
 };
 
 }  // namespace nox::tunnel_client

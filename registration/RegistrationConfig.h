@@ -12,7 +12,7 @@ struct Route {
     std::int32_t remotePort = 0;  ///< TCP port of the service on the device
 };
 
-/// What registration needs to know; filled once at start by LoadConfiguration.
+/// Settings of the registration; LoadConfiguration reads them once at the start.
 struct RegistrationConfig {
     std::string ssoHost;  ///< numeric address; the SSO service is always on the loopback interface
     std::int32_t ssoPort = 0;

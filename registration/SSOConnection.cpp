@@ -22,7 +22,7 @@ void WriteFrame(tcp::socket& socket, const std::string& text) {
 std::string ReadFrame(tcp::socket& socket) {
     std::uint32_t length = 0;
     asio::read(socket, asio::buffer(&length, sizeof length));
-    std::string text;  // grows as bytes arrive: announcing a length must not be enough to take our memory
+    std::string text;  // grows as bytes arrive, because an announced length alone must not cost us memory
     asio::read(socket, asio::dynamic_buffer(text), asio::transfer_exactly(ntohl(length)));
     return text;
 }

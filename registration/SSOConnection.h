@@ -8,9 +8,9 @@
 namespace nox::tunnel_client {
 
 /// Client of the device's local single-sign-on service. Each request has a connection of its own:
-///   connect, length and JSON text out, length and JSON text in, close
-/// A length is 4 bytes, big-endian; nothing follows the text. Every call blocks, without any time-out, for as
-/// long as the operating system lets it, and logs nothing but the request that it is about to send.
+///   connect, send length and JSON text, receive length and JSON text, close
+/// A length is 4 bytes, big-endian; nothing follows the text. Every call blocks without any time-out, for as
+/// long as the operating system lets it. The only log line is that of the request that is about to be sent.
 ///
 /// `host` is a numeric IPv4 or IPv6 address (names are not resolved), the port is the low 16 bits of `port`.
 /// All calls throw std::system_error when the host is not numeric or the socket fails ("connect: ...",
@@ -25,11 +25,11 @@ public:
     static std::string GetDiscoveryData(const std::string& host, std::int32_t port);
     /// The id of the device's certificate; may be empty.
     static std::string GetCertificateId(const std::string& host, std::int32_t port);
-    /// Makes the service forget its state, for when the cloud keeps refusing its tokens.
+    /// Makes the service forget its state. This helps when the cloud keeps refusing its tokens.
     static void Reset(const std::string& host, std::int32_t port);
 
-    /// One exchange of texts. The memory for the reply grows with the bytes that arrive,
-    /// whatever length is announced.
+    /// Sends one text and returns the reply. The memory for the reply grows with the bytes that arrive,
+    /// whatever length the service announces.
     static std::string SendRequest(const std::string& host, std::int32_t port, const std::string& request);
     /// @throws std::invalid_argument unless "status" is the JSON string "ok"
     static void CheckStatus(const json::jobject& reply);

@@ -8,13 +8,13 @@
 
 namespace lab {
 
-/// A control message as it came.
+/// A control message as it was received.
 class ControlMessage {
 public:
     /// @throws std::invalid_argument unless `json` is an object of at most maxControlBytes
     explicit ControlMessage(const std::string& json);
 
-    /// The decoded text of a member; "" when it is missing or no string.
+    /// The decoded text of a member; "" when the member is missing or no string.
     std::string Text(const std::string& name) const { return TextMember(members, name); }
     bool IsSignedWith(const std::string& password) const;
 
@@ -22,8 +22,8 @@ private:
     std::vector<Member> members;
 };
 
-/// What the tunnel server says, not yet signed. None of it needs a \u escape or escapes a solidus, as long as
-/// the ids and texts have no control characters: devices do not read those.
+/// The messages of the tunnel server, not signed yet. The ids and texts must hold no control characters,
+/// because devices do not read the \u escapes that those need.
 std::vector<Member> Welcome(const std::string& text);
 std::vector<Member> NewSession(const std::string& id, unsigned short remotePort);
 std::vector<Member> EndSession(const std::string& id);

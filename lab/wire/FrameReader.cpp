@@ -10,7 +10,7 @@ std::optional<FrameReader::View> FrameReader::Next(std::size_t maxPayload) {
         throw std::length_error("a frame of " + std::to_string(header.payloadBytes) + " bytes");
     const std::size_t size = frameHeaderBytes + header.payloadBytes;
     if (bytes.size() < size) return std::nullopt;
-    buffer.Consume(size);  // forgets the bytes, does not touch them
+    buffer.Consume(size);  // the bytes stay where they are until Room is called
     return View{header.type, header.session, bytes.substr(frameHeaderBytes, header.payloadBytes)};
 }
 

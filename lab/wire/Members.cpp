@@ -16,7 +16,7 @@ std::size_t EndOfLiteral(const std::string& json, std::size_t quote) {
     return at + 1;
 }
 
-/// Cuts a text that is known to be a JSON object into its members: one pass that only counts brackets.
+/// Cuts a text that is known to be a JSON object into its members, in one pass that only counts brackets.
 class Splitter {
 public:
     std::vector<Member> Split(const std::string& object) {
@@ -62,7 +62,7 @@ std::vector<Member> Members(const std::string& object) {
     return Splitter().Split(object);
 }
 
-// The library reads a text twenty times as slowly as it is copied, and few have anything to be read.
+// The library takes twenty times as long to read a text as it takes to copy it, and few texts have escapes.
 std::string TextOf(const std::string& value) {
     if (value.front() != '"') return value;
     const bool hasEscapes = value.find('\\') != std::string::npos;

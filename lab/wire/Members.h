@@ -4,11 +4,11 @@
 #include <utility>
 #include <vector>
 
-/// JSON objects taken apart, but their values left as text: a parsed number would not remember how it was
-/// written, and signatures depend on that.
+/// JSON objects taken apart, with their values left as text, because a signature depends on how a number was
+/// written.
 namespace lab {
 
-/// Decoded name, and the value's JSON text without the white space between its tokens.
+/// The decoded name, and the value's JSON text without the white space between its tokens.
 using Member = std::pair<std::string, std::string>;
 
 /// The members in the order of the text. Nesting costs no stack.
@@ -21,7 +21,7 @@ std::string TextOf(const std::string& value);
 /// The JSON text of a string value.
 std::string StringValue(const std::string& text);
 
-/// The decoded text of the first member of that name; "" when there is none or it is no string.
+/// The decoded text of the first member of that name; "" when there is no such member or it is no string.
 std::string TextMember(const std::vector<Member>& members, const std::string& name);
 
 }  // namespace lab

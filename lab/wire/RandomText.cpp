@@ -10,8 +10,9 @@ namespace lab {
 
 namespace {
 
-// Many at a time: a call takes longer than the rest of a signature. Not by std::random_device: where the processor's own
-// generator is slow, a nonce took longer than all the rest of its session.
+// Draws many bytes at a time, because one call takes longer than the rest of a signature. std::random_device
+// is not used, because on processors whose own generator is slow a nonce took longer than all the rest of its
+// session.
 unsigned RandomByte() {
     thread_local std::array<unsigned char, 1024> drawn;
     thread_local std::size_t used = drawn.size();
@@ -29,7 +30,8 @@ std::string RandomText(std::size_t characters) {
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     std::string text;
     while (text.size() < characters) {
-        const unsigned byte = RandomByte();  // one above four alphabets would favour the first letters
+        const unsigned byte = RandomByte();
+        // Larger bytes are left out; otherwise the first letters would come more often than the others.
         if (byte < 4 * alphabet.size()) text += alphabet[byte % alphabet.size()];
     }
     return text;

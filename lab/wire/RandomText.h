@@ -4,7 +4,7 @@
 
 namespace lab {
 
-/// So many letters and digits that nobody can guess: nonces, tokens, passwords.
+/// Random letters and digits that nobody can guess, for nonces, tokens and passwords.
 std::string RandomText(std::size_t characters);
 
 }  // namespace lab

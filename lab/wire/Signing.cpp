@@ -20,7 +20,8 @@ bool Has(const std::vector<Member>& members, const std::string& name) {
                        [&](const Member& member) { return member.first == name; });
 }
 
-/// By name. One may come twice in JSON text; then its value is anybody's guess, and so is what was signed.
+/// Sorts by name. Refuses a name that comes twice, because the two sides could then read and sign different
+/// values.
 std::vector<const Member*> Sorted(const std::vector<Member>& members) {
     std::vector<const Member*> sorted(members.size());
     std::transform(members.begin(), members.end(), sorted.begin(),
@@ -33,7 +34,8 @@ std::vector<const Member*> Sorted(const std::vector<Member>& members) {
     return sorted;
 }
 
-/// The message, begun in `text` and not closed yet, with what is missing of the three members that signing adds.
+/// Completes `text`, a message without its closing bracket, with those of the three members of a signature
+/// that it lacks.
 std::string Seal(std::string text, std::vector<Member> members, const std::string& password,
                  const Stamp& stamp) {
     const auto append = [&](const std::string& name, const std::string& value) {
@@ -47,10 +49,8 @@ std::string Seal(std::string text, std::vector<Member> members, const std::strin
     return text + '}';
 }
 
-}  // namespace
-
 std::string Md5HexUpper(const std::string& text) {
-    // Named by EVP_md5(), it would be looked for again each time.
+    // Fetched once, because EVP_md5() would make the library look for its implementation in every call.
     static const std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> md5(EVP_MD_fetch(nullptr, "MD5", nullptr),
                                                                      EVP_MD_free);
     std::array<unsigned char, 16> digest{};
@@ -62,6 +62,8 @@ std::string Md5HexUpper(const std::string& text) {
     }
     return hex;
 }
+
+}  // namespace
 
 std::string Signature(const std::string& password, const std::vector<Member>& members) {
     std::string text = password;

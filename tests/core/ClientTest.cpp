@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/support/ClosedPort.h"
@@ -19,6 +21,24 @@ TEST(ClientTest, RefusesABadConfigurationOnStandardErrorOnly) {
         EXPECT_EQ(client.Errors(), std::string("Invalid configuration - exiting: ") + complaint + "\n");
         EXPECT_EQ(client.Output(), "");
     }
+}
+
+TEST(ClientTest, RefusesWithTheSameStatusWhenNobodyReadsItsStandardError) {
+    const support::TemporaryFolder folder;
+    const std::string pipe = folder.Path() / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    // Descriptor 3 reads the pipe until standard error is open for writing; then the pipe has no reader.
+    support::Process client(
+        {"/bin/sh", "-c", "exec 3<>" + pipe + " 2>" + pipe + " 3>&-; exec " TUNNEL_CLIENT});
+    EXPECT_EQ(client.Wait(), 1);
+}
+
+/// How often the process has given up the processor by itself, as a sleep does; -1 when it has ended.
+long Waits(const support::Process& process) {
+    const std::string status = support::ReadFile("/proc/" + std::to_string(process.Pid()) + "/status");
+    const std::string name = "\nvoluntary_ctxt_switches:";
+    const std::size_t at = status.find(name);
+    return at == std::string::npos ? -1 : std::stol(status.substr(at + name.size()));
 }
 
 TEST(ClientTest, LogsTurnAfterTurnIntoTheConfiguredFileWhoeverHangsUp) {
@@ -43,7 +63,12 @@ TEST(ClientTest, LogsTurnAfterTurnIntoTheConfiguredFileWhoeverHangsUp) {
                     "^LOG START [^\n]*\n[0-9:.]* \\[client:196\\] Tunnel client version: 2024\\.07\\.19\n"));
     client.Signal(SIGPIPE);
     const std::size_t size = log().size();
-    EXPECT_TRUE(support::Eventually([&] { return hasFailedAfter(size + 10000); }));
+    EXPECT_TRUE(support::Eventually([&] { return hasFailedAfter(size + 50000); }));
+    // A pause of no length does not sleep. A turn logs four lines; the agent waits in hardly any of them.
+    const auto waits = Waits(client);
+    const std::string lines = log();
+    EXPECT_GE(waits, 0);
+    EXPECT_LT(8 * waits, std::count(lines.begin(), lines.end(), '\n'));
     EXPECT_EQ(client.Output() + client.Errors(), "");
 }
 

@@ -35,18 +35,17 @@ protected:
     }
     std::string LoadFile(const std::string& path) {
         const char* const argv[] = {"tunnel-client", path.c_str(), "ignored"};
-        device = {};
-        TunnelConfig tunnel;
-        LogConfig log;
+        Configuration loaded;
         try {
-            LoadConfiguration(3, argv, device, tunnel, log);
+            loaded = LoadConfiguration(3, argv);
         } catch (const std::exception& failure) {
             return failure.what();
         }
+        device = loaded.registration;
         std::ostringstream summary;
         summary << device.ssoHost << ':' << device.ssoPort << ' ' << device.registrationReconnectSeconds
-                << ' ' << tunnel.tunnelReconnectSeconds << ' ' << tunnel.tunnelHeartbeatSeconds << " '"
-                << log.path << "' " << log.level;
+                << ' ' << loaded.tunnel.tunnelReconnectSeconds << ' ' << loaded.tunnel.tunnelHeartbeatSeconds
+                << " '" << loaded.log.path << "' " << loaded.log.level;
         for (const Route& route : device.routes)
             summary << ' ' << route.serviceName << '@' << route.remotePort;
         return summary.str();

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
 #include <string>
+#include <thread>
 
 #include "tests/lab/LabRunner.h"
 
@@ -80,6 +83,24 @@ TEST(ApiTest, HandsOutEndpointAndFreshCredentialsForTokensOfItsOwn) {
     for (const char* token : {"", "x"})
         EXPECT_EQ(lab.Call("DELETE /clients/remove/id/d1", "", token).first, 401);
     EXPECT_EQ(lab.Call("DELETE /clients/remove/id/d1").second, R"({"status":true,"apiVersion":"2.1.0"})");
+}
+
+TEST(ApiTest, AnswersThoughManyClientsSendTheirRequestsByteByByte) {
+    LabRunner lab;
+    std::vector<Connection> slow;
+    for (int i = 0; i < 20; ++i) slow.push_back(Connection::To(lab.ApiPort()));
+    std::atomic<bool> answered{false};
+    auto trickle = std::async(std::launch::async, [&] {
+        for (; !answered; std::this_thread::sleep_for(std::chrono::milliseconds(200))) {
+            std::error_code closed;
+            for (Connection& client : slow) client.Socket().write_some(asio::buffer("x", 1), closed);
+        }
+    });
+    auto call =
+        std::async(std::launch::async, [&] { return lab.Call("DELETE /clients/remove/id/d1").first; });
+    call.wait();
+    answered = true;
+    EXPECT_EQ(call.get(), 400);
 }
 
 TEST(RoutesTest, KeepTheirPortWhenTheDeviceRegistersAgain) {

@@ -20,16 +20,17 @@ using support::Connection;
 using support::Frame;
 using support::SsoReply;
 
-/// A lab on a thread of its own; keeps what it tells.
+/// A lab on a thread of its own; keeps the lines that it reports.
 class LabRunner {
 public:
     explicit LabRunner(Ports ports = {}, Timings timings = Short(), std::size_t frameBytes = maxPayloadBytes);
     ~LabRunner();
-    /// Three seconds where a test waits for the end of them, for a busy machine may stand still for one; clients
-    /// that take nothing have the usual time.
+    /// Limits of three seconds where a test waits for their end, because a busy machine may stand still for one;
+    /// clients that take nothing have the usual time.
     static Timings Short();
 
     unsigned short SsoPort() const { return lab->SsoPort(); }
+    unsigned short ApiPort() const { return lab->ApiPort(); }
     unsigned short TunnelPort() const { return lab->TunnelPort(); }
 
     /// The lines so far that contain `text`.

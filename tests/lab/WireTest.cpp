@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
 
+#include "lab/wire/ControlMessage.h"
 #include "lab/wire/FrameReader.h"
 #include "lab/wire/Signing.h"
 
@@ -42,6 +45,25 @@ TEST(SigningTest, LeavesTheObjectAsItIsAndAddsWhatItLacks) {
               R"("sign":"56C48ECE09C8D906A7B23CA1514BADE0"})");
     EXPECT_EQ(Sign("pw", R"({"sign":"wrong","timestamp":5})", stamp),
               R"({"sign":"wrong","timestamp":5,"noncestr":"AAAAAAAAAAAAAAAA"})");
+}
+
+/// The bytes of the hex block in docs/protocol.md: 16 columns of two digits a line, then the same as text.
+std::string WorkedExample() {
+    std::ifstream page(PROTOCOL_PAGE);
+    std::string bytes, line;
+    while (std::getline(page, line) && line != "```hex") continue;
+    while (std::getline(page, line) && line != "```") {
+        std::istringstream columns(line.substr(0, 48));
+        for (unsigned value = 0; columns >> std::hex >> value;) bytes += static_cast<char>(value);
+    }
+    return bytes;
+}
+
+TEST(SigningTest, TheWorkedExampleOfTheProtocolPageIsWhatTheLabSends) {
+    const std::string payload =
+        Sign("bench-secret", NewSession("0000000000000001", 8080), {"1700000000000", "AbCdEfGhIjKlMnOp"});
+    const auto header = EncodeHeader(controlFrame, payload.size(), noSession);
+    EXPECT_EQ(WorkedExample(), std::string(header.begin(), header.end()) + payload);
 }
 
 }  // namespace lab

@@ -62,8 +62,8 @@ TEST_P(BrokenExchange, EndsARegistrationAndTheNextOneWorks) {
     for (std::size_t broken = 0; broken < exchanges; ++broken) {
         const bool discovers = broken < 2, inSso = broken < ssoExchanges;
         const std::size_t length = inSso ? SsoReply(65535).size() : apiReply.size();
-        // Of the reply: nothing, part of its first line or length, the length alone, a text begun or almost whole.
-        // The last is the break inside the request.
+        // Of the reply: nothing, part of its first line or length, the length alone, a text begun or almost
+        // whole. The last is the break inside the request.
         for (const std::size_t bytes : std::vector<std::size_t>{0, 1, 4, 5, length - 1, length + 1}) {
             SCOPED_TRACE(std::to_string(broken) + " " + std::to_string(bytes));
             met = 0;

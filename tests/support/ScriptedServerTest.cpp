@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <system_error>
-
 #include "tests/support/ScriptedServer.h"
 
 namespace support {
 
-TEST(ScriptedServerTest, FinishTellsWhatFailedFirst) {
+TEST(ScriptedServerTest, FinishThrowsTheFirstFailure) {
     ScriptedServer server(
         {[](Connection& peer) { peer.Read(2); }, [](Connection&) { throw std::logic_error("second"); }});
     Connection::To(server.Port()).Write("x");
