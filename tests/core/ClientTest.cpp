@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 
 #include "tests/support/ClosedPort.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace {
 
@@ -21,14 +23,41 @@ TEST(ClientTest, RefusesABadConfigurationOnStandardErrorOnly) {
     }
 }
 
+const std::vector<std::string> device = {"DEVICE_TYPE=recorder", "DEVICE_NAME=Lobby"};
+
+std::string Write(const support::TemporaryFolder& folder, unsigned short ssoPort, const std::string& log,
+                  int pause) {
+    return folder.Write("config.json", R"({"ssoService":{"type":"local-socket","port":)" +
+                                           std::to_string(ssoPort) + R"(},"tunnel":{"routes":[],)" + log +
+                                           R"(},"timers":{"registrationReconnect":)" + std::to_string(pause) +
+                                           "}}");
+}
+
+TEST(ClientTest, PausesBetweenTurnsAndLogsWhatItsLevelAllows) {
+    using Clock = std::chrono::steady_clock;
+    const std::pair<const char*, const char*> rows[] = {
+        {"off", "^$"},
+        {"warning", "^LOG START [^\n]*\n[0-9:.]* \\[RegistrationClient:[0-9]*\\] MAC "}};
+    for (const auto& [level, log] : rows) {
+        const support::TemporaryFolder folder;
+        std::vector<Clock::time_point> turns;
+        const support::Conversation hangUp = [&](support::Connection&) { turns.push_back(Clock::now()); };
+        support::ScriptedServer sso({hangUp, hangUp});
+        support::Process client(
+            {TUNNEL_CLIENT, Write(folder, sso.Port(), R"("log_level":")" + std::string(level) + '"', 1)},
+            device);
+        sso.Finish();
+        EXPECT_GE(turns[1] - turns[0], std::chrono::milliseconds(990)) << level;
+        EXPECT_THAT(client.Output(), testing::ContainsRegex(log));
+        EXPECT_EQ(client.Errors(), "");
+    }
+}
+
 TEST(ClientTest, LogsTurnAfterTurnIntoTheConfiguredFileWhoeverHangsUp) {
     const support::TemporaryFolder folder;
     const support::ClosedPort nobody;
-    const std::string config = folder.Write(
-        "config.json", R"({"ssoService":{"type":"local-socket","port":)" + std::to_string(nobody.Port()) +
-                           R"(},"tunnel":{"routes":[],"log_path":")" + (folder.Path() / "agent").string() +
-                           R"("},"timers":{"registrationReconnect":0}})");
-    support::Process client({TUNNEL_CLIENT, config}, {"DEVICE_TYPE=recorder", "DEVICE_NAME=Lobby"});
+    const std::string path = R"("log_path":")" + (folder.Path() / "agent").string() + '"';
+    support::Process client({TUNNEL_CLIENT, Write(folder, nobody.Port(), path, 0)}, device);
     const auto log = [&folder] {
         for (const auto& file : std::filesystem::directory_iterator(folder.Path()))
             if (file.path().extension() == ".log") return support::ReadFile(file.path());

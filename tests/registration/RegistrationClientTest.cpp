@@ -149,6 +149,30 @@ TEST_P(WholeStory, IsToldInTheseRequestsAndTheseLogLines) {
 INSTANTIATE_TEST_SUITE_P(RegistrationClient, WholeStory,
                          testing::Range<std::int32_t>(logError, logVerbose + 1));
 
+// Of a later reply without credentials the tunnel gets those of the device; a reply that is refused changes nothing.
+TEST(RegistrationClientTest, KeepsNoCredentialsButThoseOfTheLastGoodReply) {
+    const auto reply = [](const std::string& rest) {
+        return Ok(R"({"status":true,"data":{"tunnelServerEndpoint":"h:)" + rest + "}}");
+    };
+    const std::pair<std::string, std::string> rows[] = {
+        {reply(R"(1","tunnelServerCredentials":{"username":"u","password":"p"})"), "id@h:1 u:p"},
+        {reply(R"(2","tunnelServerCredentials":{"username":"x"})"), "id@h:1 u:p"},
+        {reply("3\""), "id@h:3 admin:own"},
+        {reply(R"(4","tunnelServerCredentials":{"username":"","password":""})"), "id@h:4 :"}};
+    Replies replies;
+    for (const auto& row : rows) replies.insert(replies.end(), {Ok("{}"), row.first});
+    Cloud cloud({discovery, token, token, token, token}, replies);
+    cloud.device.deviceId = "id";
+    cloud.device.dvrUsername = "admin";
+    cloud.device.dvrPassword = "own";
+    cloud.device.routes.clear();
+    RegistrationClient client(cloud.device);
+    for (const auto& [bytes, tunnel] : rows) {
+        Register(client);
+        EXPECT_EQ(Tunnel(client), tunnel);
+    }
+}
+
 /// Replies that end a cycle, and the error lines that they leave.
 struct Failure {
     const char* name;
