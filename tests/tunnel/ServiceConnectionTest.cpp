@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <atomic>
 #include <functional>
@@ -237,6 +238,9 @@ TEST_F(ServiceConnectionTest, WritesABatchOfPayloadsAtOnceAndLogsEach) {
     const auto connection = Connect(service.Port());
     const std::string session = "Session " + id + ", ";
     RunUntil([&] { return log.Count(session + "listening to service") == 1; });
+    EXPECT_EQ(support::OptionOfSocketTo(service.Port(), IPPROTO_TCP, TCP_NODELAY), 1);
+    // In socket(7): the kernel doubles the size.
+    EXPECT_EQ(support::OptionOfSocketTo(service.Port(), SOL_SOCKET, SO_RCVBUF), 2 * 131072);
     for (const char* payload : {"three", "one", "4"}) connection->QueueData(payload);
     connection->SendArrived();
     EXPECT_EQ(log.Texts(), (std::vector<std::string>{
