@@ -37,7 +37,9 @@ TEST(ClientTest, PausesBetweenTurnsAndLogsWhatItsLevelAllows) {
     using Clock = std::chrono::steady_clock;
     const std::pair<const char*, const char*> rows[] = {
         {"off", "^$"},
-        {"warning", "^LOG START [^\n]*\n[0-9:.]* \\[RegistrationClient:[0-9]*\\] MAC "}};
+        {"error",
+         "^LOG START [^\n]*\n[^\n]* Discovery failed: [^\n]*\n[^\n]* \\[client:219\\] Tunnel client error: "},
+        {"warning", "^LOG START [^\n]*\n[^\n]* MAC address too short for AVL id\n"}};
     for (const auto& [level, log] : rows) {
         const support::TemporaryFolder folder;
         std::vector<Clock::time_point> turns;
@@ -70,7 +72,7 @@ TEST(ClientTest, LogsTurnAfterTurnIntoTheConfiguredFileWhoeverHangsUp) {
     EXPECT_THAT(log(),
                 testing::ContainsRegex(
                     "^LOG START [^\n]*\n[0-9:.]* \\[client:196\\] Tunnel client version: 2024\\.07\\.19\n"));
-    client.Signal(SIGPIPE);
+    for (const int number : {SIGPIPE, SIGXFSZ}) client.Signal(number);
     const std::size_t size = log().size();
     EXPECT_TRUE(support::Eventually([&] { return hasFailedAfter(size + 10000); }));
     EXPECT_EQ(client.Output() + client.Errors(), "");
