@@ -328,7 +328,8 @@ TEST_P(ResetPolicy, CountsRefusals) {
     for (const char kind : GetParam().sso) sso.push_back(kind == 'T' ? token : kind == 'R' ? ok : "{}");
     sso.push_back(ok);  // for a request too many
     Replies api;
-    for (const int status : GetParam().statuses) api.push_back(support::HttpReply(status, "{}"));
+    const std::string fits = R"({"status":true,"data":{"tunnelServerEndpoint":"host:1"}})";
+    for (const int status : GetParam().statuses) api.push_back(support::HttpReply(status, fits));
     Cloud cloud(sso, api);
     support::LogCapture log(logError);
     cloud.device.deviceId = "id7";
@@ -358,6 +359,7 @@ const Policy policies[] = {
     {"SuccessStartsAnew", {401, 401, 200, 500, 403}, "TRTTTR"},
     {"OthersDoNotCount", {404, 401, 404, 400, 500, 401}, "TTRTTT"},
     {"RefusedWhenAdding", {200, 401, 401}, "TRT"},
+    {"RefusedWhenAddingRoutes", {200, 200, 401, 401}, "TRT"},
     {"FailedResetIsRepeated", {401, 401, 401, 401}, "TFTFTRT"},
 };
 
