@@ -149,7 +149,7 @@ TEST_P(WholeStory, IsToldInTheseRequestsAndTheseLogLines) {
 INSTANTIATE_TEST_SUITE_P(RegistrationClient, WholeStory,
                          testing::Range<std::int32_t>(logError, logVerbose + 1));
 
-// After a reply without credentials the tunnel gets those of the device. A reply that is refused changes nothing.
+// After a reply without credentials the tunnel gets those of the device; a refused reply changes nothing.
 TEST(RegistrationClientTest, KeepsNoCredentialsButThoseOfTheLastGoodReply) {
     const auto reply = [](const std::string& rest) {
         return Ok(R"({"status":true,"data":{"tunnelServerEndpoint":"h:)" + rest + "}}");
