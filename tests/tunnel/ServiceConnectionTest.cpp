@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <functional>
@@ -125,6 +126,19 @@ TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
     EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()), end);
     Send(*connection, "dropped");
     EXPECT_EQ(log.Texts(), texts);
+}
+
+TEST_F(ServiceConnectionTest, ReportsLaterThatThereIsNoDescriptorForIt) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    Connect(1);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(owner.calls, "");
+    RunToTheEnd();
+    EXPECT_EQ(owner.calls, "failed " + id + "\nremove " + id + "\n");
+    EXPECT_EQ(log.Count("ServiceConnection::Connect: (24) Too many open files"), 1U);
 }
 
 TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
