@@ -52,7 +52,11 @@ std::string jobject::entry::as_string() const {
 
 bool jobject::entry::type_is(jtype wanted) const { return parse_value(ref().c_str()).type == wanted; }
 
-jobject::entry::operator bool() const { return is_bool() && ref() == "true"; }
+jobject::entry::operator bool() const {
+    const ParseResult found = parse_value(ref().c_str());
+    return found.type == jtype::jbool && found.value == "true";
+}
+
 jobject::entry::operator int() const { return number_of<int>(ref()); }
 jobject::entry::operator unsigned() const { return number_of<unsigned>(ref()); }
 jobject::entry::operator long() const { return number_of<long>(ref()); }

@@ -107,7 +107,8 @@ public:
     std::string as_string() const;  ///< a JSON string decoded; any other value as its JSON text
     operator std::string() const { return as_string(); }
     operator jobject() const { return parse(ref()); }  ///< @throws parsing_error, see parse
-    explicit operator bool() const;                    ///< true only for the JSON boolean true
+    /// True only when the text begins, after white space, with the JSON boolean true.
+    explicit operator bool() const;
 
     explicit operator int() const;  ///< sscanf "%i": also octal and hexadecimal
     explicit operator unsigned() const;

@@ -3,11 +3,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 
 #include "tests/support/ClosedPort.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace {
 
@@ -41,14 +43,43 @@ long Waits(const support::Process& process) {
     return at == std::string::npos ? -1 : std::stol(status.substr(at + name.size()));
 }
 
+const std::vector<std::string> device = {"DEVICE_TYPE=recorder", "DEVICE_NAME=Lobby"};
+
+std::string Write(const support::TemporaryFolder& folder, unsigned short ssoPort, const std::string& log,
+                  int pause) {
+    return folder.Write("config.json", R"({"ssoService":{"type":"local-socket","port":)" +
+                                           std::to_string(ssoPort) + R"(},"tunnel":{"routes":[],)" + log +
+                                           R"(},"timers":{"registrationReconnect":)" + std::to_string(pause) +
+                                           "}}");
+}
+
+TEST(ClientTest, PausesBetweenTurnsAndLogsWhatItsLevelAllows) {
+    using Clock = std::chrono::steady_clock;
+    const std::pair<const char*, const char*> rows[] = {
+        {"off", "^$"},
+        {"error",
+         "^LOG START [^\n]*\n[^\n]* Discovery failed: [^\n]*\n[^\n]* \\[client:219\\] Tunnel client error: "},
+        {"warning", "^LOG START [^\n]*\n[^\n]* MAC address too short for AVL id\n"}};
+    for (const auto& [level, log] : rows) {
+        const support::TemporaryFolder folder;
+        std::vector<Clock::time_point> turns;
+        const support::Conversation hangUp = [&](support::Connection&) { turns.push_back(Clock::now()); };
+        support::ScriptedServer sso({hangUp, hangUp});
+        support::Process client(
+            {TUNNEL_CLIENT, Write(folder, sso.Port(), R"("log_level":")" + std::string(level) + '"', 1)},
+            device);
+        sso.Finish();
+        EXPECT_GE(turns[1] - turns[0], std::chrono::milliseconds(990)) << level;
+        EXPECT_THAT(client.Output(), testing::ContainsRegex(log));
+        EXPECT_EQ(client.Errors(), "");
+    }
+}
+
 TEST(ClientTest, LogsTurnAfterTurnIntoTheConfiguredFileWhoeverHangsUp) {
     const support::TemporaryFolder folder;
     const support::ClosedPort nobody;
-    const std::string config = folder.Write(
-        "config.json", R"({"ssoService":{"type":"local-socket","port":)" + std::to_string(nobody.Port()) +
-                           R"(},"tunnel":{"routes":[],"log_path":")" + (folder.Path() / "agent").string() +
-                           R"("},"timers":{"registrationReconnect":0}})");
-    support::Process client({TUNNEL_CLIENT, config}, {"DEVICE_TYPE=recorder", "DEVICE_NAME=Lobby"});
+    const std::string path = R"("log_path":")" + (folder.Path() / "agent").string() + '"';
+    support::Process client({TUNNEL_CLIENT, Write(folder, nobody.Port(), path, 0)}, device);
     const auto log = [&folder] {
         for (const auto& file : std::filesystem::directory_iterator(folder.Path()))
             if (file.path().extension() == ".log") return support::ReadFile(file.path());
@@ -61,7 +92,7 @@ TEST(ClientTest, LogsTurnAfterTurnIntoTheConfiguredFileWhoeverHangsUp) {
     EXPECT_THAT(log(),
                 testing::ContainsRegex(
                     "^LOG START [^\n]*\n[0-9:.]* \\[client:196\\] Tunnel client version: 2024\\.07\\.19\n"));
-    client.Signal(SIGPIPE);
+    for (const int number : {SIGPIPE, SIGXFSZ}) client.Signal(number);
     const std::size_t size = log().size();
     EXPECT_TRUE(support::Eventually([&] { return hasFailedAfter(size + 50000); }));
     // A pause of no length does not sleep. A turn logs four lines; the agent waits in hardly any of them.

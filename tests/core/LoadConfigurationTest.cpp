@@ -99,6 +99,7 @@ TEST_F(LoadConfigurationTest, TakesWhatIsThereAndDefaultsForTheRest) {
     const std::pair<std::string, std::string> rows[] = {
         {good, service + "30 30 30 '' 3"},
         {WithPort("-1.9"), "127.0.0.1:-1 30 30 30 '' 3"},
+        {WithTimers("{'" + std::string(9000, 'x') + "':1,'tunnelReconnect':45}"), service + "30 45 30 '' 3"},
         {WithRoutes("[{'serviceName':'b\\t','x':{},'remotePort':7e2},{'remotePort':0,'serviceName':''}]"),
          service + "30 30 30 '' 3 b\t@7 @0"},
         {WithTimers("[5]"), service + "30 30 30 '' 3"},

@@ -80,7 +80,8 @@ TEST(JObjectTest, ReadsMembersAsText) {
 }
 
 TEST(JObjectTest, TellsTheTypesApart) {
-    const jobject object = jobject::parse(everyKind);
+    jobject object = jobject::parse(everyKind);
+    for (const char* raw : {" true", "truex", " false", "tru"}) object.set(raw, raw);
     const auto types = [&](const jobject::const_proxy& member) {
         return std::string(member.is_string() ? "s" : "") + (member.is_number() ? "n" : "") +
                (member.is_bool() ? "b" : "") + (member.is_null() ? "z" : "") +
@@ -88,7 +89,7 @@ TEST(JObjectTest, TellsTheTypesApart) {
     };
     std::string all;
     for (const std::string& key : object.list_keys()) all += key + "=" + types(object[key]) + " ";
-    EXPECT_EQ(all, "s=s n=n o= a=a t=b! f=b z=z q=s ");
+    EXPECT_EQ(all, "s=s n=n o= a=a t=b! f=b z=z q=s  true=b! truex=b!  false=b tru= ");
 }
 
 TEST(JObjectTest, ReadsNumbersAsScanfDoes) {

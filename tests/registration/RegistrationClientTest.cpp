@@ -146,6 +146,30 @@ TEST_P(WholeStory, IsToldInTheseRequestsAndTheseLogLines) {
 INSTANTIATE_TEST_SUITE_P(RegistrationClient, WholeStory,
                          testing::Range<std::int32_t>(logError, logVerbose + 1));
 
+// After a reply without credentials the tunnel gets those of the device; a refused reply changes nothing.
+TEST(RegistrationClientTest, KeepsNoCredentialsButThoseOfTheLastGoodReply) {
+    const auto reply = [](const std::string& rest) {
+        return Ok(R"({"status":true,"data":{"tunnelServerEndpoint":"h:)" + rest + "}}");
+    };
+    const std::pair<std::string, std::string> rows[] = {
+        {reply(R"(1","tunnelServerCredentials":{"username":"u","password":"p"})"), "id@h:1 u:p"},
+        {reply(R"(2","tunnelServerCredentials":{"username":"x"})"), "id@h:1 u:p"},
+        {reply("3\""), "id@h:3 admin:own"},
+        {reply(R"(4","tunnelServerCredentials":{"username":"","password":""})"), "id@h:4 :"}};
+    Replies replies;
+    for (const auto& row : rows) replies.insert(replies.end(), {Ok("{}"), row.first});
+    Cloud cloud({discovery, token, token, token, token}, replies);
+    cloud.device.deviceId = "id";
+    cloud.device.dvrUsername = "admin";
+    cloud.device.dvrPassword = "own";
+    cloud.device.routes.clear();
+    RegistrationClient client(cloud.device);
+    for (const auto& [bytes, tunnel] : rows) {
+        Register(client);
+        EXPECT_EQ(Tunnel(client), tunnel);
+    }
+}
+
 /// Replies that end a cycle, and the error lines that they leave.
 struct Failure {
     const char* name;
@@ -300,7 +324,8 @@ TEST_P(ResetPolicy, CountsRefusals) {
     for (const char kind : GetParam().sso) sso.push_back(kind == 'T' ? token : kind == 'R' ? ok : "{}");
     sso.push_back(ok);  // for a request too many
     Replies api;
-    for (const int status : GetParam().statuses) api.push_back(support::HttpReply(status, "{}"));
+    const std::string fits = R"({"status":true,"data":{"tunnelServerEndpoint":"host:1"}})";
+    for (const int status : GetParam().statuses) api.push_back(support::HttpReply(status, fits));
     Cloud cloud(sso, api);
     support::LogCapture log(logError);
     cloud.device.deviceId = "id7";
@@ -330,6 +355,7 @@ const Policy policies[] = {
     {"SuccessStartsAnew", {401, 401, 200, 500, 403}, "TRTTTR"},
     {"OthersDoNotCount", {404, 401, 404, 400, 500, 401}, "TTRTTT"},
     {"RefusedWhenAdding", {200, 401, 401}, "TRT"},
+    {"RefusedWhenAddingRoutes", {200, 200, 401, 401}, "TRT"},
     {"FailedResetIsRepeated", {401, 401, 401, 401}, "TFTFTRT"},
 };
 

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <functional>
@@ -126,6 +128,19 @@ TEST_F(ServiceConnectionTest, RelaysBothWaysUntilTheServiceHangsUp) {
     EXPECT_EQ(log.Texts(), texts);
 }
 
+TEST_F(ServiceConnectionTest, ReportsLaterThatThereIsNoDescriptorForIt) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    Connect(1);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(owner.calls, "");
+    RunToTheEnd();
+    EXPECT_EQ(owner.calls, "failed " + id + "\nremove " + id + "\n");
+    EXPECT_EQ(log.Count("ServiceConnection::Connect: (24) Too many open files"), 1U);
+}
+
 TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     const std::string sent(2000000, 's');
     support::ScriptedServer service({[&](support::Connection& peer) { peer.Write(sent); }});
@@ -237,6 +252,9 @@ TEST_F(ServiceConnectionTest, WritesABatchOfPayloadsAtOnceAndLogsEach) {
     const auto connection = Connect(service.Port());
     const std::string session = "Session " + id + ", ";
     RunUntil([&] { return log.Count(session + "listening to service") == 1; });
+    EXPECT_EQ(support::OptionOfSocketTo(service.Port(), IPPROTO_TCP, TCP_NODELAY), 1);
+    // In socket(7): the kernel doubles the size.
+    EXPECT_EQ(support::OptionOfSocketTo(service.Port(), SOL_SOCKET, SO_RCVBUF), 2 * 131072);
     for (const char* payload : {"three", "one", "4"}) connection->QueueData(payload);
     connection->SendArrived();
     EXPECT_EQ(log.Texts(), (std::vector<std::string>{

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <map>
 #include <regex>
@@ -178,6 +179,9 @@ TEST(TunnelClientTest, IntroducesItselfAndBeats) {
     std::vector<support::Frame> beats;
     const auto log = RunTunnel({[&](support::Connection& agent) {
                                    verify = support::ReadControl(agent);
+                                   const auto port = agent.Socket().local_endpoint().port();
+                                   EXPECT_EQ(OptionOfSocketTo(port, IPPROTO_TCP, TCP_NODELAY), 1);
+                                   EXPECT_EQ(OptionOfSocketTo(port, IPPROTO_TCP, TCP_NOTSENT_LOWAT), 16384);
                                    Say(agent, R"({"method":"anything"})");
                                    for (int beat = 0; beat < 2; ++beat)
                                        beats.push_back(support::ReadFrame(agent));

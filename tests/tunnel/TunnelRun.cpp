@@ -1,5 +1,8 @@
 #include "tests/tunnel/TunnelRun.h"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <csignal>
 #include <utility>
@@ -96,6 +99,19 @@ Heard Listen(support::Connection& agent, int ends) {
         if (frame.payload.find("disconnect-session") != std::string::npos) --ends;
     }
     return heard;
+}
+
+int OptionOfSocketTo(unsigned short port, int level, int name) {
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        sockaddr_in peer{};
+        socklen_t size = sizeof peer;
+        if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) != 0) continue;
+        int value = 0;
+        size = sizeof value;
+        if (peer.sin_port == htons(port) && getsockopt(descriptor, level, name, &value, &size) == 0)
+            return value;
+    }
+    return 0;
 }
 
 std::string Megabytes(std::size_t count) { return std::string(count * 1000000, 'x'); }

@@ -46,6 +46,9 @@ struct Heard {
 /// Everything until `ends` sessions are reported as disconnected.
 Heard Listen(support::Connection& agent, int ends);
 
+/// An option of the agent's socket that is connected to that port; 0 when there is none.
+int OptionOfSocketTo(unsigned short port, int level, int name);
+
 std::string Megabytes(std::size_t count);  ///< of one letter
 
 }  // namespace support
