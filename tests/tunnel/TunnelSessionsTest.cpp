@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/InTime.h"
 #include "tests/tunnel/TunnelRun.h"
 
 namespace nox::tunnel_client {
@@ -51,24 +51,19 @@ void ExpectToGoOnAtFourteen(const Lines& log) {
 
 // Its socket takes frames in part, and the session pauses.
 TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
-    std::string sent, received;
-    while (sent.size() < 20000000) sent += "#" + std::to_string(sent.size());
+    const std::string sent = Megabytes(20);
     support::ScriptedServer service({[&](support::Connection& peer) {
         peer.Write(sent);
         peer.ReadToEnd();
     }});
     const auto late = [&](support::Connection& agent) {
-        Accept(agent);
         NewSession(agent, service.Port());
-        std::this_thread::sleep_for(300ms);
-        while (received.size() < sent.size()) {
-            const support::Frame frame = support::ReadFrame(agent);
-            if (frame.type == lab::dataFrame) received += frame.payload;
-        }
-        HangUp(agent);
+        AwaitLog("Session " + sessionId + ", pausing listening to service");
+        std::string received;
+        while (received.size() < sent.size()) received += ReadData(agent).payload;
+        EXPECT_TRUE(received == sent);
     };
-    ExpectToGoOnAtFourteen(RunTunnel({late}, logVerbose));
-    EXPECT_TRUE(received == sent);
+    ExpectToGoOnAtFourteen(DuringTunnel(late, logVerbose));
 }
 
 // Whole, or in many pieces; to a service that keeps up, and to one that takes nothing yet.
@@ -78,35 +73,32 @@ TEST(TunnelSessionsTest, DeliverPayloadsHoweverTheyArrive) {
         frames.insert(frames.end(), {{131072, 200}, {131072, 50000}, {4096, 4117}, {4095, 1000}, {1, 22}});
         frames.resize(frames.size() + 60, {131072, 131093});
     }
-    std::string sent, received;
-    Lines expected;
+    std::size_t bytes = 0;
+    for (const auto& [size, piece] : frames) bytes += size;
+    const std::string sent = Numbered(bytes);
     std::promise<void> allSent;
     support::ScriptedServer service({[&](support::Connection& peer) {
-        ASSERT_EQ(allSent.get_future().wait_for(20s), std::future_status::ready);
-        received = peer.Read(sent.size());
+        ASSERT_EQ(allSent.get_future().wait_for(patience), std::future_status::ready);
+        EXPECT_TRUE(peer.Read(sent.size()) == sent);
     }});
+    Lines expected;
     const auto serve = [&](support::Connection& agent) {
-        Accept(agent);
         NewSession(agent, service.Port());
+        std::size_t begin = 0;
         for (const auto& [size, piece] : frames) {
-            std::string payload;
-            while (payload.size() < size) payload += "#" + std::to_string(sent.size() + payload.size());
-            payload.resize(size);
-            const std::string bytes = Bytes({lab::dataFrame, sessionId, payload});
-            for (std::size_t at = 0; at < bytes.size(); at += piece) agent.Write(bytes.substr(at, piece));
-            sent += payload;
+            const std::string frame = Bytes({lab::dataFrame, sessionId, sent.substr(begin, size)});
+            for (std::size_t at = 0; at < frame.size(); at += piece) agent.Write(frame.substr(at, piece));
+            begin += size;
             expected.push_back("Session " + sessionId + ", sent " + std::to_string(size) +
                                " bytes to service");
         }
         allSent.set_value();
         service.Finish();
-        HangUp(agent);
     };
     Lines told;
-    for (const auto& line : RunTunnel({serve}, logVerbose))
+    for (const auto& line : DuringTunnel(serve, logVerbose))
         if (line.find(", sent ") != std::string::npos) told.push_back(line.substr(line.find("] ") + 2));
     EXPECT_EQ(told, expected);
-    EXPECT_TRUE(received == sent);
 }
 
 /// By the log, how many data frames waited at most.
@@ -127,46 +119,47 @@ const support::Conversation flood = [](support::Connection& peer) {
     }
 };
 
+void OpenSessions(support::Connection& agent, const std::vector<unsigned short>& ports) {
+    for (const auto port : ports) NewSession(agent, port, "session-" + std::to_string(10000000 + port));
+}
+
 // How many frames wait at most, of three services that have much to say to a server that reads late: no more
 // than one session may have; or, when the tunnel counts as stalled, as many of each.
 TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
     const std::string sent = Megabytes(3);
-    const std::tuple<std::chrono::milliseconds, int, int> rows[] = {{1s, 1, 20}, {10ms, 55, 60}};
+    const std::tuple<std::chrono::milliseconds, int, int> rows[] = {{1h, 1, 20}, {10ms, 55, 60}};
     for (const auto& [stall, least, most] : rows) {
         SCOPED_TRACE(most);
+        std::atomic<int> talking = 0;
         const support::Conversation talk = [&](support::Connection& peer) {
-            peer.Write(sent);
+            peer.Write(sent.substr(0, 1));
+            ++talking;
+            peer.Write(sent.substr(1));
             peer.ShutdownSend();
             peer.ReadToEnd();
         };
-        support::ScriptedServer services[] = {support::ScriptedServer({talk}),
-                                              support::ScriptedServer({talk}),
-                                              support::ScriptedServer({talk})};
-        Heard heard;
-        const auto late = [&](support::Connection& agent) {
-            Accept(agent);
-            for (auto& service : services)
-                NewSession(agent, service.Port(), "session-" + std::to_string(10000000 + service.Port()));
-            std::this_thread::sleep_for(500ms);
-            heard = Listen(agent, 3);
-            HangUp(agent);
+        support::ScriptedServer one({talk}), two({talk}), three({talk});
+        const auto late = [&, least = least](support::Connection& agent) {
+            OpenSessions(agent, {one.Port(), two.Port(), three.Port()});
+            EXPECT_TRUE(Eventually([&] { return talking == 3 && MostThatWait(LogSoFar()) >= least; }))
+                << "the first of them may have left";
+            AwaitStandstill();
+            const Heard heard = Listen(agent, 3);
+            for (const auto& [id, data] : heard.data) EXPECT_TRUE(data == sent) << id;
+            EXPECT_EQ(heard.data.size(), 3U);
         };
-        Delays delays = QuickDelays();
+        Delays delays = QuickBeats();
         delays.stall = stall;
-        const int reached = MostThatWait(RunTunnel({late}, logVerbose, delays));
-        EXPECT_LE(reached, most);
-        EXPECT_GE(reached, least) << "the first of them may have left";
-        for (const auto& [id, data] : heard.data) EXPECT_TRUE(data == sent) << id;
-        EXPECT_EQ(heard.data.size(), 3U);
+        EXPECT_LE(MostThatWait(DuringTunnel(late, logVerbose, delays)), most);
     }
 }
 
-/// The frames that waited at most on a line of 256 kbit/s.
+/// The frames that waited at most on a line that takes a kilobyte in each `period`.
 /// @param longest the longest time for which the server, on a busy machine, read nothing
-int MostThatWaitOnASlowLine(const Delays& delays, std::chrono::steady_clock::duration& longest) {
+int MostThatWaitOnASlowLine(std::chrono::milliseconds period, const Delays& delays,
+                            std::chrono::steady_clock::duration& longest) {
     using asio::ip::tcp;
-    support::ScriptedServer services[] = {support::ScriptedServer({flood}), support::ScriptedServer({flood}),
-                                          support::ScriptedServer({flood})};
+    support::ScriptedServer one({flood}), two({flood}), three({flood});
     support::Connection agent;
     tcp::acceptor acceptor(agent.Socket().get_executor(), tcp::v4());
     // Otherwise its kernel takes a lot, and then nothing for long.
@@ -178,12 +171,11 @@ int MostThatWaitOnASlowLine(const Delays& delays, std::chrono::steady_clock::dur
         acceptor.accept(agent.Socket());
         acceptor.close();
         Accept(agent);
-        for (auto& service : services)
-            NewSession(agent, service.Port(), "session-" + std::to_string(10000000 + service.Port()));
+        OpenSessions(agent, {one.Port(), two.Port(), three.Port()});
         auto last = std::chrono::steady_clock::now();
         for (int piece = 0; piece < 60; ++piece) {
             agent.Read(1024);
-            std::this_thread::sleep_for(32ms);
+            std::this_thread::sleep_for(period);  // this is the line's speed
             const auto now = std::chrono::steady_clock::now();
             longest = std::max(longest, now - std::exchange(last, now));
         }
@@ -192,22 +184,23 @@ int MostThatWaitOnASlowLine(const Delays& delays, std::chrono::steady_clock::dur
         return most;
     };
     auto served = std::async(std::launch::async, serve);
-    TunnelClient(QuickConfig(acceptor.local_endpoint().port()), delays).Run();
+    TunnelClient(ConfigFor(acceptor.local_endpoint().port()), delays).Run();
     return served.get();
 }
 
-// It takes half a second for a frame, but it takes something all the time: it does not stand. Unless the server did.
+// It takes half a second for a frame, but it takes something all the time: it does not stand. Unless the server does:
+// then a line that is slower still, with a longer limit, shows the same.
 TEST(TunnelSessionsTest, ReadAheadTogetherAsOneOnASlowLine) {
-    Delays delays = QuickDelays();
-    delays.stall = 600ms;
-    for (int tries = 0; tries < 10; ++tries) {
+    for (auto period = 32ms; period < 1s; period *= 2) {
+        Delays delays = QuickDelays();
+        delays.stall = 20 * period;
         std::chrono::steady_clock::duration longest{};
-        const int most = MostThatWaitOnASlowLine(delays, longest);
+        const int most = MostThatWaitOnASlowLine(period, delays, longest);
         if (longest > delays.stall / 4) continue;
         EXPECT_LE(most, 20 + 8) << "those of one session, and a turn";
         return;
     }
-    FAIL() << "the machine is too busy to tell";
+    FAIL() << "the server stood still for seconds, again and again";
 }
 
 // Between a request and its answer come the frames that were on their way, not those that the ended session could
@@ -221,112 +214,115 @@ TEST(TunnelSessionsTest, AnswerSoonAlthoughTheServerHasEndedOneThatFloods) {
     support::ScriptedServer echo({[&](support::Connection& peer) {
         for (; answers < rounds; ++answers) peer.Write(peer.Read(1));
     }});
-    std::vector<int> between;
     const auto serve = [&](support::Connection& agent) {
         agent.Socket().set_option(asio::socket_base::receive_buffer_size(65536));
-        Accept(agent);
         NewSession(agent, echo.Port(), steady);
         NewSession(agent, flooding.Port());
         for (int frames = 0; frames < 50;) frames += support::ReadFrame(agent).session == sessionId;
-        Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})");
+        EndSession(agent);
         for (int round = 0; round < rounds; ++round) {
-            support::WriteFrame(agent, {lab::dataFrame, steady, "x"});
+            SendData(agent, "x", steady);
             EXPECT_TRUE(Eventually([&] { return answers > round; }));
-            int frames = 0;
-            for (std::string session; session != steady; frames += session == sessionId)
-                session = support::ReadFrame(agent).session;
-            between.push_back(frames);
+            int between = 0;
+            while (ReadData(agent).session != steady) ++between;
+            EXPECT_LE(between, 60);
         }
-        HangUp(agent);
     };
-    Delays delays = QuickDelays();
-    delays.sessionClose = 1s;
-    RunTunnel({serve}, logInfo, delays);
-    EXPECT_THAT(between, testing::Each(testing::Le(60)));
+    DuringTunnel(serve);
 }
 
+// All of it, because data that follow the end of a session still reach its service until its socket closes.
 TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
-    const std::string largest(131072, 'x');
-    support::ScriptedServer service(
-        {[&](support::Connection& peer) { EXPECT_TRUE(peer.ReadToEnd() == largest + "after"); }});
-    const auto serve = [&](support::Connection& agent) {
-        Accept(agent);
-        NewSession(agent, service.Port());
-        EXPECT_THAT(support::ReadControl(agent), StartsWith(R"({"method":"connected-session","session":")" +
-                                                            sessionId + R"(","timestamp":")"));
-        const std::string end = R"({"method":"end_session","session":")" + sessionId + R"("})";
-        agent.Write(Bytes({0, sessionId, largest}) + Control(end) + Bytes({0, sessionId, "after"}));
-        service.Finish();
-        HangUp(agent);
+    const std::string largest = Numbered(131072);
+    const auto attempt = [&](int scale) {
+        std::string received;
+        support::ScriptedServer service({[&](support::Connection& peer) { received = peer.ReadToEnd(); }});
+        const auto serve = [&](support::Connection& agent) {
+            NewSession(agent, service.Port());
+            EXPECT_THAT(support::ReadControl(agent),
+                        StartsWith(R"({"method":"connected-session","session":")" + sessionId +
+                                   R"(","timestamp":")"));
+            agent.Write(Bytes({0, sessionId, largest}) + Control(EndSessionText()) +
+                        Bytes({0, sessionId, "after"}));
+            service.Finish();
+            AwaitLog("Removing stopped session " + sessionId);
+        };
+        Lines told;
+        for (auto line : DuringTunnel(serve, logDebug, QuickDelays(scale)))
+            if (line.find(sessionId) != std::string::npos && line[1] == 'T')
+                told.push_back(line.substr(0, line.find(" to port")));
+        told.emplace_back(received == largest + "after" ? "with all data" : "without some data");
+        return told;
     };
-    Lines told;
-    for (const auto& line : RunTunnel({serve}, logDebug))
-        if (line.find(sessionId) != std::string::npos && line[1] == 'T') told.push_back(line);
-    EXPECT_EQ(told, (Lines{"[TunnelClient:305] New session (" + sessionId + ") to port " +
-                               std::to_string(service.Port()),
-                           "[TunnelClient:323] Session " + sessionId + " ended", removed}));
+    ExpectInTime(Lines{"[TunnelClient:305] New session (" + sessionId + ")",
+                       "[TunnelClient:323] Session " + sessionId + " ended", removed, "with all data"},
+                 attempt);
 }
 
 // What is queued for it is lost, whether it comes before the refusal or after it.
 TEST(TunnelSessionsTest, ReportAServiceThatRefuses) {
-    const std::string port = std::to_string(support::ScriptedServer({}).Port()), id = sessionId;
-    Heard heard;
-    const auto serve = [&](support::Connection& agent) {
-        Accept(agent);
-        Say(agent, R"({"method":"new_session","session":")" + id +
-                       R"(","localHost":"127.0.0.1","localPort":" )" + port + R"(x"})");
-        support::WriteFrame(agent, {0, id, "lost"});
-        heard = Listen(agent, 1);
-        HangUp(agent);
-    };
-    std::set<std::string> told;
-    for (const auto& line : RunTunnel({serve}, logVerbose))
-        if (line.find(id) != std::string::npos || line.find("Connection refused") != std::string::npos)
-            told.insert(line.substr(line.find("] ") + 2));
-    EXPECT_EQ(told,
-              (std::set<std::string>{
-                  "New session (" + id + ") to port " + port, "Sending connected-session message for " + id,
-                  "Session " + id + ", resume sending to service",
-                  "ServiceConnection::Connect: (111) Connection refused", "Service connection failed: " + id,
-                  "Sending disconnect-session message for " + id,
-                  "ServiceConnection::Stop() called for session " + id,
-                  "SendAsync error with stopFlag, session " + id,
-                  "Closing session " + id + " socket after timer delay",
-                  "Stopping session " + id + " after timer delay", "Removing stopped session " + id}));
-    EXPECT_EQ(heard.control, (Lines{R"({"method":"connected-session","session":")" + id + '"',
-                                    R"({"method":"disconnect-session","session":")" + id + '"'}));
+    const unsigned short port = support::ScriptedServer({}).Port();
+    const std::string id = sessionId;
+    for (const bool isBefore : {true, false}) {
+        const auto serve = [&](support::Connection& agent) {
+            const std::string lost = Bytes({lab::dataFrame, id, "lost"});
+            agent.Write(Control(R"({"method":"new_session","session":")" + id +
+                                R"(","localHost":"127.0.0.1","localPort":" )" + std::to_string(port) +
+                                R"(x"})") +
+                        (isBefore ? lost : ""));
+            EXPECT_EQ(Listen(agent, 1).control,
+                      (Lines{R"({"method":"connected-session","session":")" + id + '"',
+                             R"({"method":"disconnect-session","session":")" + id + '"'}));
+            if (!isBefore) agent.Write(lost);
+            AwaitLog("SendAsync error with stopFlag, session " + id);
+        };
+        std::set<std::string> told;
+        for (const auto& line : DuringTunnel(serve, logVerbose))
+            if (line.find(id) != std::string::npos || line.find("Connection refused") != std::string::npos)
+                told.insert(line.substr(line.find("] ") + 2));
+        EXPECT_EQ(told, (std::set<std::string>{"New session (" + id + ") to port " + std::to_string(port),
+                                               "Sending connected-session message for " + id,
+                                               "Session " + id + ", resume sending to service",
+                                               "ServiceConnection::Connect: (111) Connection refused",
+                                               "Service connection failed: " + id,
+                                               "Sending disconnect-session message for " + id,
+                                               "ServiceConnection::Stop() called for session " + id,
+                                               "SendAsync error with stopFlag, session " + id}))
+            << isBefore;
+    }
 }
 
 // Asked for by a frame that was half there when the connection had to stop: this must not keep the run from ending, and
 // the first good signature comes too late for heartbeats. Nothing else is acted on.
 TEST(TunnelSessionsTest, OpenedWhileStoppingAreStoppedToo) {
-    support::ScriptedServer service({[](support::Connection& peer) { peer.ReadToEnd(); }});
-    Delays delays = QuickDelays();
-    delays.verificationLimit = 50ms;
-    delays.tunnelClose = 2s;
-    LogCapture log(logDebug);
-    support::ScriptedServer server({[&](support::Connection& agent) {
-        support::ReadControl(agent);
-        const std::string request = Control(NewSessionText(service.Port()));
-        agent.Write(request.substr(0, 100));
-        EXPECT_TRUE(Eventually([&] { return log.Count("Verification timeout") == 1; }));
-        agent.Write(request.substr(100) + Control(NewSessionText(service.Port(), "session-00000002")));
-        support::ReadControl(agent);  // connected-session is still written
-        service.Finish();
-        agent.ReadToEnd();
-    }});
-    TunnelClient(QuickConfig(server.Port()), delays).Run();
-    const std::string session = sessionId + " ";
-    Lines told = log.Texts();
-    told.resize(9);  // those behind are of connections that are refused
-    EXPECT_THAT(
-        told, testing::ElementsAre(
-                  StartsWith("Connecting"), "Verification timeout", "Message signature verified",
-                  "Stopping heartbeat messages",
-                  "New session (" + sessionId + ") to port " + std::to_string(service.Port()),
-                  "Closing session " + session + "socket after timer delay",
-                  "Stopping session " + session + "after timer delay",
-                  "Removing stopped session " + sessionId, "Closing tunnel server socket after timer delay"));
+    const std::string port = " to port ", session = sessionId + " ";
+    const auto attempt = [&](int scale) {
+        support::ScriptedServer service({[](support::Connection& peer) { peer.ReadToEnd(); }});
+        std::string answer;
+        const auto serve = [&](support::Connection& agent) {
+            support::ReadControl(agent);
+            const std::string request = Control(NewSessionText(service.Port()));
+            agent.Write(request.substr(0, 100));
+            AwaitLog("Verification timeout");
+            agent.Write(request.substr(100) + Control(NewSessionText(service.Port(), "session-00000002")));
+            answer = agent.ReadToEnd();
+        };
+        Delays delays = QuickDelays(scale);
+        delays.verificationLimit = 50ms;
+        delays.tunnelClose = scale * 500ms;
+        Lines told = RunTunnel({serve}, logDebug, delays);
+        for (std::string& line : told) line = line.substr(0, line.find(port)).substr(line.find("] ") + 2);
+        told.erase(told.begin());  // "Connecting to ..."
+        told.push_back(answer.substr(0, answer.find(",\"timestamp\"")).substr(21));
+        return told;
+    };
+    ExpectInTime(
+        Lines{"Verification timeout", "Message signature verified", "Stopping heartbeat messages",
+              "New session (" + sessionId + ")", "Closing session " + session + "socket after timer delay",
+              "Stopping session " + session + "after timer delay", "Removing stopped session " + sessionId,
+              "Closing tunnel server socket after timer delay",
+              R"({"method":"connected-session","session":")" + sessionId + '"'},
+        attempt);
 }
 
 TEST(TunnelSessionsTest, NeedAnIdOfSixteenCharactersForData) {
@@ -335,15 +331,12 @@ TEST(TunnelSessionsTest, NeedAnIdOfSixteenCharactersForData) {
         peer.ReadToEnd();
     }});
     const auto serve = [&](support::Connection& agent) {
-        Accept(agent);
         NewSession(agent, service.Port(), "abc");
         EXPECT_EQ(support::ReadFrame(agent).type, 1);
         EXPECT_EQ(support::ReadFrame(agent).type, 3);
-        for (int chunk = 0; chunk < 20; ++chunk)
-            EXPECT_EQ(support::ReadFrame(agent).session, "abc0000000000000");
-        HangUp(agent);
+        for (int chunk = 0; chunk < 20; ++chunk) EXPECT_EQ(ReadData(agent).session, "abc0000000000000");
     };
-    EXPECT_THAT(RunTunnel({serve}, logDebug),
+    EXPECT_THAT(DuringTunnel(serve, logDebug),
                 Contains("[TunnelClient:424] In SendAsync, session abc0000000000000 not found").Times(20));
 }
 
@@ -358,20 +351,18 @@ TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
         EXPECT_EQ(peer.Read(3), "two");
         peer.Write("second");
     }});
-    Heard heard;
     const auto serve = [&](support::Connection& agent) {
-        Accept(agent);
         NewSession(agent, first.Port());
-        while (support::ReadFrame(agent).type != lab::dataFrame) continue;
+        EXPECT_EQ(ReadData(agent).payload, "first");
         agent.Write(Bytes({0, sessionId, "one"}) + Control(NewSessionText(second.Port())) +
                     Bytes({0, sessionId, "two"}));
         first.Finish();  // closed, although the server ended nothing
-        heard = Listen(agent, 1);
-        HangUp(agent);
+        const Heard heard = Listen(agent, 1);
+        EXPECT_EQ(heard.data, (std::map<std::string, std::string>{{sessionId, "second"}}));
+        EXPECT_EQ(heard.control.size(), 2U) << "one connected-session, one disconnect-session";
+        AwaitLog("Removing stopped session " + sessionId);
     };
-    const auto log = RunTunnel({serve}, logVerbose);
-    EXPECT_EQ(heard.data, (std::map<std::string, std::string>{{sessionId, "second"}}));
-    EXPECT_EQ(heard.control.size(), 2U) << "one connected-session, one disconnect-session";
+    const auto log = DuringTunnel(serve, logVerbose, QuickDelays());
     EXPECT_THAT(log, Contains(removed).Times(1));
     EXPECT_THAT(log, Not(Contains(StartsWith("[TunnelClient:366]"))));
 }
@@ -379,23 +370,19 @@ TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
 // Once a write has failed nothing more is written: the end of the session stays in the queue. Half a payload has come:
 // the reading side learns the reason.
 TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
-    support::ScriptedServer service({[](support::Connection& peer) {
-        peer.Write(Megabytes(30));
-        peer.ReadToEnd();
-    }});
+    support::ScriptedServer service({flood});
     const auto serve = [&](support::Connection& agent) {
         Accept(agent);
         NewSession(agent, service.Port());
         agent.Read(1000000);
         agent.Write(Bytes({lab::dataFrame, sessionId, std::string(100000, 'l')}).substr(0, 50021));
-        std::size_t before = 0;
-        do {  // until the agent cannot send any more
-            before = agent.Socket().available();
-            std::this_thread::sleep_for(200ms);
-        } while (agent.Socket().available() != before);
+        AwaitStandstill();
         agent.Reset();
     };
-    const auto log = RunTunnel({serve}, logVerbose);
+    Delays delays = QuickDelays();
+    delays.verificationLimit = 4s;
+    delays.second = 1ms;
+    const auto log = RunTunnel({serve}, logVerbose, delays);
     const auto failed = std::find_if(log.begin(), log.end(), [](const std::string& line) {
         return line.rfind("[TunnelClient:411] TunnelClient::SendAsync: (", 0) == 0;
     });
