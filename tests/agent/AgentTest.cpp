@@ -2,8 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <ctime>
-#include <iomanip>
 #include <mutex>
 #include <regex>
 #include <sstream>
@@ -11,6 +9,7 @@
 #include "tests/support/Cloud.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/InTime.h"
+#include "tests/support/LogText.h"
 #include "tests/support/Process.h"
 
 namespace {
@@ -29,13 +28,6 @@ Lines WithoutTimes(const std::string& log) {
         lines.push_back(std::regex_replace(std::regex_replace(line, time, ""), number, "[$1$2]"));
     }
     return lines;
-}
-
-/// The log's own time of the first line with that text, in seconds.
-int TimeOf(const std::string& log, const std::string& text) {
-    std::tm time{};
-    std::istringstream(log.substr(log.find(text) - 13)) >> std::get_time(&time, "%H:%M:%S");
-    return time.tm_hour * 3600 + time.tm_min * 60 + time.tm_sec;
 }
 
 void Append(Lines& lines, const Lines& more) { lines.insert(lines.end(), more.begin(), more.end()); }
@@ -130,8 +122,7 @@ TEST(AgentTest, RegistersOpensThreeTunnelsAndRegistersAgain) {
         asked.resize(requests.size());
         EXPECT_EQ(asked, requests) << "discovery is not asked for again";
         // Each connection lasts until its pending heartbeat is due, thirty seconds after the first.
-        const std::string text = agent.Output();
-        EXPECT_GE((TimeOf(text, tooMany) - TimeOf(text, end) + 86400) % 86400, 85);
+        EXPECT_GE(support::SecondsBetween(agent.Output(), end, tooMany), 85);
         EXPECT_EQ(agent.Errors(), "");
         EXPECT_TRUE(agent.IsRunning());
         return std::string("as expected");

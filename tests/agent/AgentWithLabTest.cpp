@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "tests/support/Eventually.h"
+#include "tests/support/LogText.h"
 #include "tests/support/Process.h"
 #include "tests/support/ScriptedServer.h"
 

@@ -1,21 +1,21 @@
 // The machine misbehaves around the running agent; it lives on, says what it has to say, and recovers.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <atomic>
-#include <sstream>
+#include <thread>
+#include <tuple>
 
 #include "tests/support/Cloud.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/InTime.h"
+#include "tests/support/LogText.h"
 #include "tests/support/Process.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace support;
-using testing::HasSubstr;
 
 const std::string second = "session-00000002";
 const std::string ready = "Sending heartbeat";
@@ -119,8 +119,7 @@ TEST(DisturbedAgent, OutlivesAFullDiskAndWritesAgain) {
     EXPECT_TRUE(Eventually([&] { return turns > full + 2 || !agent.IsRunning(); }));
     const std::size_t written = agent.Output().size();
     Limit(agent, RLIMIT_FSIZE, RLIM_INFINITY);
-    EXPECT_TRUE(Eventually([&] { return agent.Output().size() > written + 2000 || !agent.IsRunning(); }));
-    EXPECT_THAT(agent.Output().substr(written + 1000), HasSubstr("[TunnelClient:448] " + ready));
+    EXPECT_TRUE(Eventually([&] { return agent.Output().find(ready, written + 10) != std::string::npos; }));
     EXPECT_TRUE(agent.IsRunning());
 }
 
@@ -166,17 +165,6 @@ TEST(DisturbedAgent, GoesOnAfterBeingStoppedAcrossItsTimers) {
     ExpectInTime(std::string("nothing else went wrong"), attempt);
 }
 
-// The log's own time of the first line with that text, in seconds of the day.
-double TimeOf(const std::string& log, const std::string& text) {
-    const auto at = log.find(text);
-    if (at == std::string::npos) throw std::runtime_error(text + " is missing in\n" + log);
-    int hours = 0, minutes = 0;
-    double seconds = 0;
-    char colon = ':';
-    std::istringstream(log.substr(log.rfind('\n', at) + 1)) >> hours >> colon >> minutes >> colon >> seconds;
-    return hours * 3600 + minutes * 60 + seconds;
-}
-
 // Which delays are not as described, of those from one line of the log to another. A second may be missing, because the
 // log reads two clocks for one line; ten more are a moment in which the machine stood still.
 std::string WrongDelays(const std::string& log) {
@@ -191,8 +179,7 @@ std::string WrongDelays(const std::string& log) {
         {beat, log.substr(nextBeat - 13, 12), 30}};
     std::string wrong;
     for (const auto& [from, to, seconds] : delays) {
-        double lasted = TimeOf(log, to) - TimeOf(log, from);
-        if (lasted < -1) lasted += 86400;
+        const double lasted = SecondsBetween(log, from, to);
         if (lasted >= seconds - 1 && lasted <= seconds + 10) continue;
         wrong += std::to_string(lasted) + " from " + from + " to " + to + "\n";
     }

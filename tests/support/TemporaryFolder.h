@@ -21,9 +21,6 @@ private:
     std::filesystem::path path;
 };
 
-/// How often `text` contains `part`.
-std::size_t Count(const std::string& text, const std::string& part);
-
 /// The whole content of a file; "" when it cannot be read.
 std::string ReadFile(const std::filesystem::path& path);
 

@@ -24,31 +24,6 @@ using Lines = std::vector<std::string>;
 
 const std::string removed = "[TunnelClient:362] Removing stopped session " + sessionId;
 
-/// Where a session goes on after its pause: right behind the frame that leaves fourteen of its own. By the log of one
-/// session whose service keeps sending.
-void ExpectToGoOnAtFourteen(const Lines& log) {
-    const std::string listening = "Session " + sessionId + ", listening to service";
-    int pending = 0, pauses = 0;
-    bool isData = false, isPaused = false, goesOn = false;
-    for (const std::string& line : log) {
-        const auto has = [&line](const std::string& text) { return line.find(text) != std::string::npos; };
-        EXPECT_TRUE(!std::exchange(goesOn, false) || has(listening)) << line;
-        if (has("bytes from service")) ++pending;
-        EXPECT_TRUE(!has(listening) || !isPaused);
-        if (has("pausing listening")) {
-            ++pauses;
-            isPaused = true;
-            EXPECT_EQ(pending, 20);
-        }
-        if (has("Inside SendAsync")) isData = has("type 0");
-        if (!isData || !has("Finished upload")) continue;
-        --pending;
-        goesOn = isPaused && pending == 14;
-        isPaused = isPaused && !goesOn;
-    }
-    EXPECT_GT(pauses, 0);
-}
-
 // Its socket takes frames in part, and the session pauses.
 TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
     const std::string sent = Megabytes(20);
@@ -63,7 +38,7 @@ TEST(TunnelSessionsTest, LoseNothingToAServerThatReadsLate) {
         while (received.size() < sent.size()) received += ReadData(agent).payload;
         EXPECT_TRUE(received == sent);
     };
-    ExpectToGoOnAtFourteen(DuringTunnel(late, logVerbose));
+    DuringTunnel(late, logDebug);
 }
 
 // Whole, or in many pieces; to a service that keeps up, and to one that takes nothing yet.
@@ -154,55 +129,6 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
     }
 }
 
-/// The frames that waited at most on a line that takes a kilobyte in each `period`.
-/// @param longest the longest time for which the server, on a busy machine, read nothing
-int MostThatWaitOnASlowLine(std::chrono::milliseconds period, const Delays& delays,
-                            std::chrono::steady_clock::duration& longest) {
-    using asio::ip::tcp;
-    support::ScriptedServer one({flood}), two({flood}), three({flood});
-    support::Connection agent;
-    tcp::acceptor acceptor(agent.Socket().get_executor(), tcp::v4());
-    // Otherwise its kernel takes a lot, and then nothing for long.
-    acceptor.set_option(tcp::socket::receive_buffer_size(8192));
-    acceptor.bind({asio::ip::address_v4::loopback(), 0});
-    acceptor.listen();
-    LogCapture log;
-    const auto serve = [&] {
-        acceptor.accept(agent.Socket());
-        acceptor.close();
-        Accept(agent);
-        OpenSessions(agent, {one.Port(), two.Port(), three.Port()});
-        auto last = std::chrono::steady_clock::now();
-        for (int piece = 0; piece < 60; ++piece) {
-            agent.Read(1024);
-            std::this_thread::sleep_for(period);  // this is the line's speed
-            const auto now = std::chrono::steady_clock::now();
-            longest = std::max(longest, now - std::exchange(last, now));
-        }
-        const int most = MostThatWait(log.Lines());
-        agent.Close();
-        return most;
-    };
-    auto served = std::async(std::launch::async, serve);
-    TunnelClient(ConfigFor(acceptor.local_endpoint().port()), delays).Run();
-    return served.get();
-}
-
-// It takes half a second for a frame, but it takes something all the time: it does not stand. Unless the server does:
-// then a line that is slower still, with a longer limit, shows the same.
-TEST(TunnelSessionsTest, ReadAheadTogetherAsOneOnASlowLine) {
-    for (auto period = 32ms; period < 1s; period *= 2) {
-        Delays delays = QuickDelays();
-        delays.stall = 20 * period;
-        std::chrono::steady_clock::duration longest{};
-        const int most = MostThatWaitOnASlowLine(period, delays, longest);
-        if (longest > delays.stall / 4) continue;
-        EXPECT_LE(most, 20 + 8) << "those of one session, and a turn";
-        return;
-    }
-    FAIL() << "the server stood still for seconds, again and again";
-}
-
 // Between a request and its answer come the frames that were on their way, not those that the ended session could
 // still read. The server reads on only when the answer is there, because on a busy machine the other service may be
 // slow.
@@ -231,32 +157,22 @@ TEST(TunnelSessionsTest, AnswerSoonAlthoughTheServerHasEndedOneThatFloods) {
     DuringTunnel(serve);
 }
 
-// All of it, because data that follow the end of a session still reach its service until its socket closes.
 TEST(TunnelSessionsTest, OpenAndEndWithTheirLines) {
-    const std::string largest = Numbered(131072);
-    const auto attempt = [&](int scale) {
-        std::string received;
-        support::ScriptedServer service({[&](support::Connection& peer) { received = peer.ReadToEnd(); }});
-        const auto serve = [&](support::Connection& agent) {
-            NewSession(agent, service.Port());
-            EXPECT_THAT(support::ReadControl(agent),
-                        StartsWith(R"({"method":"connected-session","session":")" + sessionId +
-                                   R"(","timestamp":")"));
-            agent.Write(Bytes({0, sessionId, largest}) + Control(EndSessionText()) +
-                        Bytes({0, sessionId, "after"}));
-            service.Finish();
-            AwaitLog("Removing stopped session " + sessionId);
-        };
-        Lines told;
-        for (auto line : DuringTunnel(serve, logDebug, QuickDelays(scale)))
-            if (line.find(sessionId) != std::string::npos && line[1] == 'T')
-                told.push_back(line.substr(0, line.find(" to port")));
-        told.emplace_back(received == largest + "after" ? "with all data" : "without some data");
-        return told;
+    support::ScriptedServer service({[](support::Connection& peer) { peer.ReadToEnd(); }});
+    const auto serve = [&](support::Connection& agent) {
+        NewSession(agent, service.Port());
+        EXPECT_THAT(support::ReadControl(agent), StartsWith(R"({"method":"connected-session","session":")" +
+                                                            sessionId + R"(","timestamp":")"));
+        EndSession(agent);
+        service.Finish();
+        AwaitLog("Removing stopped session " + sessionId);
     };
-    ExpectInTime(Lines{"[TunnelClient:305] New session (" + sessionId + ")",
-                       "[TunnelClient:323] Session " + sessionId + " ended", removed, "with all data"},
-                 attempt);
+    Lines told;
+    for (const auto& line : DuringTunnel(serve, logDebug, QuickDelays()))
+        if (line.find(sessionId) != std::string::npos && line[1] == 'T') told.push_back(line);
+    EXPECT_EQ(told, (Lines{"[TunnelClient:305] New session (" + sessionId + ") to port " +
+                               std::to_string(service.Port()),
+                           "[TunnelClient:323] Session " + sessionId + " ended", removed}));
 }
 
 // What is queued for it is lost, whether it comes before the refusal or after it.
@@ -365,32 +281,6 @@ TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
     const auto log = DuringTunnel(serve, logVerbose, QuickDelays());
     EXPECT_THAT(log, Contains(removed).Times(1));
     EXPECT_THAT(log, Not(Contains(StartsWith("[TunnelClient:366]"))));
-}
-
-// Once a write has failed nothing more is written: the end of the session stays in the queue. Half a payload has come:
-// the reading side learns the reason.
-TEST(TunnelSessionsTest, StopWithTheirTunnelAfterAWriteError) {
-    support::ScriptedServer service({flood});
-    const auto serve = [&](support::Connection& agent) {
-        Accept(agent);
-        NewSession(agent, service.Port());
-        agent.Read(1000000);
-        agent.Write(Bytes({lab::dataFrame, sessionId, std::string(100000, 'l')}).substr(0, 50021));
-        AwaitStandstill();
-        agent.Reset();
-    };
-    Delays delays = QuickDelays();
-    delays.verificationLimit = 4s;
-    delays.second = 1ms;
-    const auto log = RunTunnel({serve}, logVerbose, delays);
-    const auto failed = std::find_if(log.begin(), log.end(), [](const std::string& line) {
-        return line.rfind("[TunnelClient:411] TunnelClient::SendAsync: (", 0) == 0;
-    });
-    ASSERT_NE(failed, log.end());
-    EXPECT_THAT(Lines(failed, log.end()), Not(Contains(StartsWith("[TunnelClient:392]"))));
-    EXPECT_THAT(
-        log, Contains("[TunnelClient:193] ListenToTunnelServer - read data: (104) Connection reset by peer"));
-    EXPECT_THAT(log, Contains(removed).Times(1));
 }
 
 }  // namespace
