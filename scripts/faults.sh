@@ -56,7 +56,8 @@ for function in "${functions[@]}"; do
     for ((lane = 0; lane < lanes; lane++)); do
         wait "${pids[lane]}" || { verdict=FAILED; status=1; cat "$logs/$function-$lane"; }
     done
-    faults=$(sed -n 's/^.*: \([0-9]*\) faults, .*/\1/p' "$logs/$function"-* | awk '{ sum += $1 } END { print sum + 0 }')
+    faults=$(sed -n 's/^.*: \([0-9]*\) faults, .*/\1/p' "$logs/$function"-* |
+        awk '{ sum += $1 } END { print sum + 0 }')
     ((faults > 0)) || { verdict='FAILED: none could be made'; status=1; }
     printf 'faults: %-14s %5d faults, %s\n' "$function" "$faults" "$verdict"
 done

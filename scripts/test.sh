@@ -5,9 +5,9 @@
 #   --preset NAME       one of CMakePresets.json: debug (the default), release, asan, tsan
 #   --sanitize address  the same as --preset asan: address and undefined-behaviour sanitizers
 #   --sanitize thread   the same as --preset tsan: thread sanitizer (without tests/faults, which it cannot run)
-#   --stress [ROUNDS]   ten rounds, or as many as ROUNDS says, beside twice as many busy processes as there are cores:
-#                       no test may depend on how fast the machine is. Says after each round how it went, and after
-#                       the last one which tests failed.
+#   --stress [ROUNDS]   runs the tests ROUNDS times (default 10) beside twice as many busy processes as there
+#                       are cores, because no test may depend on how fast the machine is. Prints after each
+#                       round how it went, and after the last one which tests failed and how often.
 #   FOLDER              of tests/, such as tunnel: only what is in it
 #
 # The build stays in build/NAME. The exit status is 0 when every test passed.
@@ -73,8 +73,8 @@ run_tests() {
     local folder status=0
     for folder in "${folders[@]}"; do
         echo "test: running tests/$folder of build/$preset"
-        (cd "build/$preset/tests/$folder" && "${runner[@]}" ctest --output-on-failure --parallel 4 --no-tests=error) ||
-            status=1
+        (cd "build/$preset/tests/$folder" &&
+            "${runner[@]}" ctest --output-on-failure --parallel 4 --no-tests=error) || status=1
     done
     return "$status"
 }

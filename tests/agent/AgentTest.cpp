@@ -86,8 +86,8 @@ Lines AskedInACycle() {
             route + R"(80,"serviceName":"web"}})", route + R"(22,"serviceName":"ssh"}})"};
 }
 
-// Every line and every request of two cycles, each with three connections that die. The clock is faster, so that the
-// real delays fit into a test.
+// Every line and every request of two cycles, each with three connections that die. The clock is faster, so
+// that the real delays fit into a test.
 TEST(AgentTest, RegistersOpensThreeTunnelsAndRegistersAgain) {
     const auto attempt = [](int scale) {
         std::mutex mutex;  // of what each server's thread adds

@@ -40,7 +40,8 @@ bool Says(const Process& agent, const std::string& text) {
     return Eventually([&] { return agent.Output().find(text) != std::string::npos; });
 }
 
-// Without descriptors the undefined-behaviour sanitizer cannot look at memory, and takes every object for a broken one.
+// Without descriptors the undefined-behaviour sanitizer cannot look at memory, and takes every object for a
+// broken one.
 #ifdef __SANITIZE_ADDRESS__
 #define SKIP_WITHOUT_DESCRIPTORS() GTEST_SKIP() << "the sanitizer itself needs descriptors"
 #else
@@ -165,8 +166,8 @@ TEST(DisturbedAgent, GoesOnAfterBeingStoppedAcrossItsTimers) {
     ExpectInTime(std::string("nothing else went wrong"), attempt);
 }
 
-// Which delays are not as described, of those from one line of the log to another. A second may be missing, because the
-// log reads two clocks for one line; ten more are a moment in which the machine stood still.
+// Which delays are not as described, of those from one line of the log to another. A second may be missing,
+// because the log reads two clocks for one line; ten more are a moment in which the machine stood still.
 std::string WrongDelays(const std::string& log) {
     const std::string beat = "[TunnelClient:448]";
     const auto nextBeat = log.find(beat, log.find(beat) + 1);

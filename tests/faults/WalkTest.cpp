@@ -110,8 +110,8 @@ bool Survives(const Fault& fault, long at) {
     return false;
 }
 
-// In steps of FAIL_STEP from FAIL_FIRST on, as the script asks for; otherwise ever fewer, to save time. Only a walk that
-// begins behind the first call may find nothing.
+// In steps of FAIL_STEP from FAIL_FIRST on, as the script asks for; otherwise ever fewer, to save time. Only
+// a walk that begins behind the first call may find nothing.
 void Walk(const Fault& fault) {
     const char* step = std::getenv("FAIL_STEP");
     const char* first = std::getenv("FAIL_FIRST");

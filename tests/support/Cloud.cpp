@@ -48,8 +48,8 @@ std::vector<std::string> Cloud::Command(const std::string& level, int pause,
                          std::to_string(pause) + R"(,"tunnelReconnect":"1"}})")};
 }
 
-// The loader splits LD_PRELOAD at spaces and colons, which the path of a checkout may have. Therefore it gets names
-// without a path, and a folder with links to the files.
+// The loader splits LD_PRELOAD at spaces and colons, which the path of a checkout may have. Therefore it gets
+// names without a path, and a folder with links to the files.
 std::vector<std::string> Cloud::Environment(double speed, const std::vector<std::string>& more,
                                             std::vector<std::string> libraries) const {
     std::vector<std::string> environment = {"DEVICE_TYPE=recorder",

@@ -9,13 +9,12 @@
 
 namespace support {
 
-/// SSO service, registration API and tunnel server, scripted, for a real agent. They answer alike as often as they are
-/// asked.
+/// SSO service, registration API and tunnel server, scripted, for a real agent. They answer alike as often as
+/// they are asked.
 class Cloud {
 public:
     /// @param tunnel what the tunnel server does with each connection
-    /// @param whenAsked called with each request to the SSO service and the API, before it is answered; one asks
-    ///        after the other
+    /// @param whenAsked called with each request to the SSO service and the API, before it is answered
     explicit Cloud(
         const Conversation& tunnel,
         const std::function<void(const std::string&)>& whenAsked = [](const std::string&) {});

@@ -5,7 +5,8 @@
 
 namespace support {
 
-/// How long a test waits for what has to happen. It only ends a hang: nothing takes as long on a busy machine.
+/// How long a test waits for what has to happen. It only ends a hang: nothing takes as long on a busy
+/// machine.
 constexpr std::chrono::seconds patience{100};
 
 /// Waits until `condition()` holds, for what another process or thread does; looks every few milliseconds.

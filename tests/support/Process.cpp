@@ -60,8 +60,8 @@ Process::~Process() {
     RemoveSharedClock();
 }
 
-// libfaketime, which tests preload to make a process's clock run faster, shares the time among the process and
-// its children, and removes the memory for it only when the process ends in order.
+// libfaketime, which tests preload to make a process's clock run faster, shares the time among the process
+// and its children, and removes the memory for it only when the process ends in order.
 void Process::RemoveSharedClock() const {
     sem_unlink(("/faketime_sem_" + std::to_string(pid)).c_str());
     shm_unlink(("/faketime_shm_" + std::to_string(pid)).c_str());

@@ -39,8 +39,8 @@ std::error_code Connection::Outcome(const std::function<void(Handler)>& start) {
     const auto waiting = [&] { return !outcome && std::chrono::steady_clock::now() < deadline; };
     while (waiting() && !(abandoned && *abandoned)) line->io.run_one_for(glance);
     if (outcome) return *outcome;
-    // The operation completes, and then nothing refers to this frame any more. It may have several steps: when one was
-    // completed just before it could be cancelled, the next one is begun.
+    // The operation completes, and then nothing refers to this frame any more. It may have several steps:
+    // when one was completed just before it could be cancelled, the next one is begun.
     while (!outcome) {
         line->socket.cancel();
         line->io.run_one_for(glance);

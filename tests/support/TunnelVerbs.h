@@ -29,8 +29,8 @@ void Say(Connection& agent, const std::string& json);
 /// Asks for a session with a service on 127.0.0.1.
 void NewSession(Connection& agent, unsigned short port, const std::string& id = sessionId);
 void EndSession(Connection& agent, const std::string& id = sessionId);
-/// Asks for a session to a host without an address, which ends the run of the agent's tunnel at once, with all
-/// that is open.
+/// Asks for a session to a host without an address, which ends the run of the agent's tunnel at once, with
+/// all that is open.
 void EndTheRun(Connection& agent);
 void SendData(Connection& agent, const std::string& payload, const std::string& id = sessionId);
 

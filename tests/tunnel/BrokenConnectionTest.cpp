@@ -89,8 +89,8 @@ Lines ExpectedEnd(Way way, std::size_t steps, const Script& script) {
     return {cause, timeout};
 }
 
-/// The log of errors. A reset is met by reading, by writing or by both. All steps have to fit into the time limit of
-/// verification.
+/// The log of errors. A reset is met by reading, by writing or by both. All steps have to fit into the time
+/// limit of verification.
 Lines RunThrough(Way way, const Script& script, std::size_t first, int scale) {
     std::vector<support::Conversation> conversations;
     for (std::size_t steps = first; steps < first + 3; ++steps) {
@@ -134,8 +134,8 @@ TEST_P(TunnelEnded, AfterAnyStepIsFollowedByTheNextConnection) {
     EXPECT_GT(opened, 0);
 }
 
-/// One session with a service that is asked "ping", answers "pong", and ends, or falls silent, inside or after the
-/// one or the other.
+/// One session with a service that is asked "ping", answers "pong", and ends, or falls silent, inside or
+/// after the one or the other.
 void Meet(support::Connection& agent, Way way, std::size_t bytes, const std::string& id) {
     const std::string asked = std::string("ping").substr(0, bytes);
     const std::string answer = bytes > 4 ? std::string("pong").substr(0, bytes - 4) : "";

@@ -306,7 +306,8 @@ TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
                                                        ": (104) Connection reset by peer"});
 }
 
-// The read that waits already is still answered, and relayed behind the word that the session has ended. No other is.
+// The read that waits already is still answered, and relayed behind the word that the session has ended. No
+// other is.
 TEST_F(ServiceConnectionTest, RelaysOneReadAfterAFailedWrite) {
     support::ScriptedServer service({[](support::Connection& peer) {
         peer.Read(1);

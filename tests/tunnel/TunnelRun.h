@@ -22,9 +22,9 @@ std::vector<std::string> RunTunnel(std::vector<Conversation> conversations,
                                    std::int32_t level = nox::tunnel_client::logInfo,
                                    const nox::tunnel_client::Delays& delays = QuickDelays());
 
-/// Runs for as long as the server plays its part of one verified connection, and no longer. The delays are the
-/// device's, so none of them ends within a test, except where a test shortens one. The server has as long as on a
-/// device to answer the verify message, whatever `delays` say.
+/// Runs for as long as the server plays its part of one verified connection, and no longer. The delays are
+/// the device's, so none of them ends within a test, except where a test shortens one. The server has as long
+/// as on a device to answer the verify message, whatever `delays` say.
 /// @return the log
 /// @throws what the conversation throws
 std::vector<std::string> DuringTunnel(const Conversation& play,
@@ -35,8 +35,8 @@ std::vector<std::string> DuringTunnel(const Conversation& play,
 std::vector<std::string> LogSoFar();
 /// Waits for a line of that log, by its text behind "] ".
 void AwaitLog(const std::string& text);
-/// Waits until the agent has nothing to do but to beat: the tunnel takes nothing, and no session may read more.
-/// The run needs QuickBeats.
+/// Waits until the agent has nothing to do but to beat: the tunnel takes nothing, and no session may read
+/// more. The run needs QuickBeats.
 void AwaitStandstill();
 nox::tunnel_client::Delays QuickBeats();  ///< a heartbeat in 30 ms, otherwise the device's delays
 

@@ -129,9 +129,9 @@ TEST(TunnelSessionsTest, ReadAheadTogetherAsOneUnlessTheTunnelStands) {
     }
 }
 
-// Between a request and its answer come the frames that were on their way, not those that the ended session could
-// still read. The server reads on only when the answer is there, because on a busy machine the other service may be
-// slow.
+// Between a request and its answer come the frames that were on their way, not those that the ended session
+// could still read. The server reads on only when the answer is there, because on a busy machine the other
+// service may be slow.
 TEST(TunnelSessionsTest, AnswerSoonAlthoughTheServerHasEndedOneThatFloods) {
     const std::string steady = "steady-and-alive";
     constexpr int rounds = 10;
@@ -208,8 +208,8 @@ TEST(TunnelSessionsTest, ReportAServiceThatRefuses) {
     }
 }
 
-// Asked for by a frame that was half there when the connection had to stop: this must not keep the run from ending, and
-// the first good signature comes too late for heartbeats. Nothing else is acted on.
+// Asked for by a frame that was half there when the connection had to stop: this must not keep the run from
+// ending, and the first good signature comes too late for heartbeats. Nothing else is acted on.
 TEST(TunnelSessionsTest, OpenedWhileStoppingAreStoppedToo) {
     const std::string port = " to port ", session = sessionId + " ";
     const auto attempt = [&](int scale) {
@@ -256,8 +256,8 @@ TEST(TunnelSessionsTest, NeedAnIdOfSixteenCharactersForData) {
                 Contains("[TunnelClient:424] In SendAsync, session abc0000000000000 not found").Times(20));
 }
 
-// The earlier connection closes at once, without a message and without a trace in the later one. What came for it
-// before, even in the same segment, is written.
+// The earlier connection closes at once, without a message and without a trace in the later one. What came
+// for it before, even in the same segment, is written.
 TEST(TunnelSessionsTest, ReplaceAConnectionWhoseIdIsGivenAgain) {
     support::ScriptedServer first({[](support::Connection& peer) {
         peer.Write("first");
