@@ -2,189 +2,145 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <ctime>
-#include <iomanip>
+#include <mutex>
 #include <regex>
 #include <sstream>
 
+#include "tests/support/Cloud.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/InTime.h"
+#include "tests/support/LogText.h"
 #include "tests/support/Process.h"
-#include "tests/support/ScriptedPeers.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::StartsWith;
+using Lines = std::vector<std::string>;
 
-const std::string identity = R"({"status":"ok","discovery_data":{"tenantId":"t1","config":{"tunnelServer":)"
-                             R"({"serverEndpoint":1,"apiEndpoint":"http://127.0.0.1:API"}}}})";
-
-std::string Replaced(std::string text, const std::string& word, const std::string& with) {
-    return text.replace(text.find(word), word.size(), with);
+Lines WithoutTimes(const std::string& log) {
+    Lines lines;
+    std::istringstream text(log);
+    std::string line;
+    std::getline(text, line);
+    EXPECT_EQ(line.rfind("LOG START ", 0), 0U) << line;
+    const std::regex time(R"(^\d\d:\d\d:\d\d\.\d\d\d )"), number(R"(\[(SSO|Reg)(\w+):\d+\])");
+    while (std::getline(text, line)) {
+        EXPECT_TRUE(std::regex_search(line, time)) << line;
+        lines.push_back(std::regex_replace(std::regex_replace(line, time, ""), number, "[$1$2]"));
+    }
+    return lines;
 }
 
-// A cloud that keeps what it was asked. Every exchange is a connection of its own.
-class AgentTest : public testing::Test {
-protected:
-    support::Conversation Sso(const std::string& reply) {
-        return [this, reply](support::Connection& agent) {
-            asked.push_back(support::ReadSsoRequest(agent));
-            agent.Write(support::SsoReply(reply));
-        };
-    }
-    support::Conversation Api(int status, const std::string& reply) {
-        return [this, status, reply](support::Connection& agent) {
-            const support::HttpRequest request = support::ReadHttpRequest(agent);
-            asked.push_back(request.method + " " + request.target + " " + request.Header("Authorization") +
-                            " " + request.body);
-            agent.Write(support::HttpReply(status, reply));
-        };
-    }
-    std::string Configuration(unsigned short ssoPort, const std::string& level) {
-        return folder.Write("agent.json",
-                            R"({"ssoService":{"type":"local-socket","port":)" + std::to_string(ssoPort) +
-                                R"(},"tunnel":{"routes":[{"serviceName":"web","remotePort":80},)"
-                                R"({"serviceName":"ssh","remotePort":22}],"log_level":")" +
-                                level + R"("},"timers":{"registrationReconnect":0,"tunnelReconnect":"0"}})");
-    }
-    static std::vector<std::string> WithoutTimes(const std::string& log) {
-        std::vector<std::string> lines;
-        std::istringstream text(log);
-        for (std::string line; std::getline(text, line);) {
-            EXPECT_TRUE(lines.empty() || std::regex_search(line, std::regex(R"(^\d\d:\d\d:\d\d\.\d\d\d \[)")))
-                << line;
-            lines.push_back(line.substr(lines.empty() ? 0 : 13));
-        }
-        return lines;
-    }
+void Append(Lines& lines, const Lines& more) { lines.insert(lines.end(), more.begin(), more.end()); }
 
-    support::TemporaryFolder folder;
-    std::vector<std::string>
-        asked;  // by SSO service and API; one asks after the other, so one list is enough
-    const std::vector<std::string> device = {"DEVICE_TYPE=recorder", "DEVICE_NAME=North/gate",
-                                             "DEVICE_ID=",           "MAC_ADDRESS=00:1A:2B:3C:4D:5E",
-                                             "DVR_USERNAME=u",       "DVR_PASSWORD=p"};
-};
+const std::string end = "[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file";
+const std::string tooMany = "[TunnelClient:45] Too many reconnects, will restart discovery";
 
-const std::string added =
-    R"({"status":true,"data":{"tunnelServerEndpoint":"127.0.0.1:TUNNEL","tunnelServerCredentials":)"
-    R"({"username":"tunnel-user","password":"tunnel-password"}}})";
+/// The log of one registration and three connections that die, from the request for a token on.
+Lines LogOfACycle(const support::Cloud& cloud) {
+    const std::string port = std::to_string(cloud.TunnelPort());
+    Lines lines = {
+        "[SSOConnection] Connecting to SSO service at 127.0.0.1:" + std::to_string(cloud.SsoPort()) +
+            R"(, request {"request":"token","scope":"file-receiver hardware-read"})",
+        "[RegistrationClient] Registering with http://127.0.0.1:" + std::to_string(cloud.ApiPort()),
+        "[RegistrationClient] RemoveDevice: (200) " + cloud.ApiReply(),
+        "[RegistrationClient] Adding device cert-1",
+        "[RegistrationClient] AddRoute: " + cloud.ApiReply(),
+        "[RegistrationClient] AddRoute: " + cloud.ApiReply(),
+        "[RegistrationClient] Device cert-1 registered"};
+    for (int connection = 0; connection < 3; ++connection) {
+        Append(lines,
+               {"[TunnelClient:98] Connecting to tunnel server 127.0.0.1:" + port,
+                "[TunnelClient:270] Message signature verified", "[TunnelClient:448] Sending heartbeat",
+                "[TunnelClient:283] Tunnel server message: welcome", end,
+                "[TunnelClient:445] Stopping heartbeat messages",
+                connection < 2 ? "[TunnelClient:50] Tunnel reconnecting..." : tooMany});
+    }
+    return lines;
+}
 
-TEST_F(AgentTest, RegistersInOrderAndOpensTheTunnel) {
-    std::string verify;
-    support::ScriptedServer tunnel({[&](support::Connection& agent) {
-        verify = support::ReadControl(agent);
-        support::WriteControl(agent, "tunnel-password", R"({"method":"message","message":"welcome"})");
-        support::ReadFrame(agent);
-    }});
-    support::ScriptedServer api({Api(400, R"({"apiVersion":"2.0.0"})"),
-                                 Api(200, Replaced(added, "TUNNEL", std::to_string(tunnel.Port()))),
-                                 Api(200, "one"), Api(200, "two")});
-    support::ScriptedServer sso({Sso(Replaced(identity, "API", std::to_string(api.Port()))),
-                                 Sso(R"({"status":"ok","certificate_id":"cert-1"})"),
-                                 Sso(R"({"status":"ok","token":"tok"})")});
-    support::Process agent({AGENT_PROGRAM, Configuration(sso.Port(), "info")}, device);
-    tunnel.Finish();
-    const std::string heartbeat = "[TunnelClient:448] Sending heartbeat";
-    ASSERT_TRUE(support::Eventually([&] { return agent.Output().find(heartbeat) != std::string::npos; }));
-
-    EXPECT_THAT(verify,
-                StartsWith(R"({"method":"verify","username":"tunnel-user","message":"","deviceId":"cert-1",)"
-                           R"("version":"1.0","timestamp":")"));
-    EXPECT_THAT(verify, testing::HasSubstr(R"("noncestr":"pkDHTxmMR18N2l9k")"))
-        << "something drew from rand() before";
-    const std::string route = R"({"route":{"deviceId":"cert-1","clientMode":"tunnel-client","port":0,)"
-                              R"("remoteHost":"127.0.0.1","remotePort":)";
-    EXPECT_THAT(
-        asked,
-        ElementsAre(R"({"request":"data"})", R"({"request":"certificate_id"})",
-                    R"({"request":"token","scope":"file-receiver hardware-read"})",
-                    "DELETE /clients/remove/id/cert-1 Bearer tok ",
-                    R"(POST /clients/add Bearer tok {"client":{"deviceId":"cert-1","deviceType":"recorder",)"
-                    R"("name":"North\/gate","tenantId":"t1","clientMode":"tunnel-client",)"
-                    R"("deviceCredentials":{"username":"u","password":"p"},)"
-                    R"("metadata":{"macAddress":"001a2b3c4d5e","avlId":"2b3c4d5e"}}})",
-                    "POST /routes/add Bearer tok " + route + R"(80,"serviceName":"web"}})",
-                    "POST /routes/add Bearer tok " + route + R"(22,"serviceName":"ssh"}})"));
-    auto log = WithoutTimes(agent.Output());
-    for (std::string& line : log)
-        line = std::regex_replace(line, std::regex(R"(\[(SSO|Reg)(\w+):\d+\])"), "[$1$2]");
+Lines LogOfTwoCycles(const support::Cloud& cloud) {
+    const std::string at = " from 127.0.0.1:" + std::to_string(cloud.SsoPort());
     const std::string ssoAt =
-        "[SSOConnection] Connecting to SSO service at 127.0.0.1:" + std::to_string(sso.Port());
-    ASSERT_GE(log.size(), 17U);
-    log.resize(17);
-    EXPECT_THAT(
-        log,
-        ElementsAre(
-            StartsWith("LOG START "), "[client:196] Tunnel client version: 2024.07.19",
-            "[RegistrationClient] Requesting discovery from 127.0.0.1:" + std::to_string(sso.Port()),
-            ssoAt + ", request " + asked[0],
-            "[RegistrationClient] Requesting certificate ID from 127.0.0.1:" + std::to_string(sso.Port()),
-            ssoAt + ", request " + asked[1], ssoAt + ", request " + asked[2],
-            "[RegistrationClient] Registering with http://127.0.0.1:" + std::to_string(api.Port()),
-            R"([RegistrationClient] RemoveDevice: (400) {"apiVersion":"2.0.0"})",
-            "[RegistrationClient] Adding device cert-1", "[RegistrationClient] AddRoute: one",
-            "[RegistrationClient] AddRoute: two", "[RegistrationClient] Device cert-1 registered",
-            "[TunnelClient:98] Connecting to tunnel server 127.0.0.1:" + std::to_string(tunnel.Port()),
-            "[TunnelClient:270] Message signature verified", heartbeat,
-            "[TunnelClient:283] Tunnel server message: welcome"));
-    EXPECT_EQ(agent.Errors(), "");
-    EXPECT_TRUE(agent.IsRunning());
+        "[SSOConnection] Connecting to SSO service at 127.0.0.1:" + std::to_string(cloud.SsoPort()) +
+        ", request ";
+    Lines lines = {"[client:196] Tunnel client version: 2024.07.19",
+                   "[RegistrationClient] Requesting discovery" + at, ssoAt + R"({"request":"data"})",
+                   "[RegistrationClient] Requesting certificate ID" + at,
+                   ssoAt + R"({"request":"certificate_id"})"};
+    Append(lines, LogOfACycle(cloud));
+    Append(lines, LogOfACycle(cloud));
+    return lines;
 }
 
-// With the clock ten times as fast, so that the real delays fit into a test.
-TEST_F(AgentTest, RegistersAgainAfterThreeConnectionsThatDied) {
-    const support::Conversation serve = [](support::Connection& agent) {
-        support::ReadControl(agent);
-        support::WriteControl(agent, "tunnel-password", R"({"method":"anything"})");
-        support::ReadFrame(agent);
-    };
-    support::ScriptedServer tunnel({serve, serve, serve, serve});
-    const std::string endpoint = Replaced(added, "TUNNEL", std::to_string(tunnel.Port()));
-    const auto removed = Api(200, R"({"apiVersion":"2.0.0"})");
-    const auto addedDevice = Api(200, endpoint);
-    const auto route = Api(200, "{}");
-    support::ScriptedServer api({removed, addedDevice, route, route, removed, addedDevice, route, route});
-    const auto token = Sso(R"({"status":"ok","token":"tok"})");
-    support::ScriptedServer sso({Sso(Replaced(identity, "API", std::to_string(api.Port()))),
-                                 Sso(R"({"status":"ok","certificate_id":"cert-1"})"), token, token});
-    std::vector<std::string> environment = device;
-    environment.insert(environment.end(), {"LD_PRELOAD=" FAKETIME_LIBRARY, "FAKETIME=+0 x10",
-                                           "ASAN_OPTIONS=verify_asan_link_order=0"});
-    support::Process agent({AGENT_PROGRAM, Configuration(sso.Port(), "error")}, environment);
-    tunnel.Finish();
-    EXPECT_EQ(asked.size(), 3U + 4U + 1U + 4U) << "discovery is not asked for again";
-
-    const std::string end = "[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file";
-    const std::string again = "[TunnelClient:50] Tunnel reconnecting...";
-    auto log = WithoutTimes(agent.Output());
-    ASSERT_GE(log.size(), 7U);
-    log.resize(7);
-    EXPECT_THAT(log, ElementsAre(StartsWith("LOG START "), end, again, end, again, end,
-                                 "[TunnelClient:45] Too many reconnects, will restart discovery"));
-    // Each connection lasts until its pending heartbeat is due, thirty seconds after the first.
-    const auto seconds = [&](const std::string& line) {
-        std::tm time{};
-        const std::string text = agent.Output();
-        std::istringstream(text.substr(text.find(line) - 13)) >> std::get_time(&time, "%H:%M:%S");
-        return time.tm_hour * 3600 + time.tm_min * 60 + time.tm_sec;
-    };
-    const int lasted = (seconds(log.back()) - seconds(end) + 86400) % 86400;
-    EXPECT_GE(lasted, 85);
-    EXPECT_TRUE(agent.IsRunning());
+/// Requests of one registration, from that for a token on.
+Lines AskedInACycle() {
+    const std::string route =
+        R"(POST /routes/add Bearer tok {"route":{"deviceId":"cert-1",)"
+        R"("clientMode":"tunnel-client","port":0,"remoteHost":"127.0.0.1","remotePort":)";
+    return {R"({"request":"token","scope":"file-receiver hardware-read"})",
+            "DELETE /clients/remove/id/cert-1 Bearer tok ",
+            R"(POST /clients/add Bearer tok {"client":{"deviceId":"cert-1","deviceType":"recorder",)"
+            R"("name":"North\/gate","tenantId":"t1","clientMode":"tunnel-client",)"
+            R"("deviceCredentials":{"username":"u","password":"p"},)"
+            R"("metadata":{"macAddress":"001a2b3c4d5e","avlId":"2b3c4d5e"}}})",
+            route + R"(80,"serviceName":"web"}})", route + R"(22,"serviceName":"ssh"}})"};
 }
 
-TEST_F(AgentTest, LivesOnWhenNothingAnswers) {
-    const unsigned short closed = support::ScriptedServer({}).Port();
-    support::Process agent({AGENT_PROGRAM, Configuration(closed, "error")}, device);
+// Every line and every request of two cycles, each with three connections that die. The clock is faster, so
+// that the real delays fit into a test.
+TEST(AgentTest, RegistersOpensThreeTunnelsAndRegistersAgain) {
+    const auto attempt = [](int scale) {
+        std::mutex mutex;  // of what each server's thread adds
+        Lines asked, verify;
+        const auto keep = [&mutex](Lines& lines, const std::string& line) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            lines.push_back(line);
+        };
+        support::Cloud cloud(
+            [&](support::Connection& agent) {
+                keep(verify, support::Accept(agent));
+                support::AwaitHeartbeat(agent);
+            },
+            [&](const std::string& request) { keep(asked, request); });
+        support::Process agent(cloud.Command("info", 0), cloud.Environment(20.0 / scale));
+        const Lines expected = LogOfTwoCycles(cloud);
+        EXPECT_TRUE(
+            support::Eventually([&] { return support::Count(agent.Output(), "\n") > expected.size(); }));
+        Lines log = WithoutTimes(agent.Output());
+        log.resize(expected.size());
+        if (log != expected) return testing::PrintToString(log);
+
+        const std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_THAT(verify.at(0),
+                    testing::StartsWith(R"({"method":"verify","username":"tunnel-user","message":"",)"
+                                        R"("deviceId":"cert-1","version":"1.0","timestamp":")"));
+        EXPECT_THAT(verify.at(0), testing::HasSubstr(R"("noncestr":"pkDHTxmMR18N2l9k")"))
+            << "something drew from rand() before";
+        Lines requests = {R"({"request":"data"})", R"({"request":"certificate_id"})"};
+        Append(requests, AskedInACycle());
+        Append(requests, AskedInACycle());
+        asked.resize(requests.size());
+        EXPECT_EQ(asked, requests) << "discovery is not asked for again";
+        // Each connection lasts until its pending heartbeat is due, thirty seconds after the first.
+        EXPECT_GE(support::SecondsBetween(agent.Output(), end, tooMany), 85);
+        EXPECT_EQ(agent.Errors(), "");
+        EXPECT_TRUE(agent.IsRunning());
+        return std::string("as expected");
+    };
+    support::ExpectInTime(std::string("as expected"), attempt);
+}
+
+TEST(AgentTest, LivesOnWhenNothingAnswers) {
+    support::TemporaryFolder folder;
+    const std::string configuration = folder.Write(
+        "agent.json",
+        R"({"ssoService":{"type":"local-socket","port":)" +
+            std::to_string(support::ScriptedServer({}).Port()) +
+            R"(},"tunnel":{"routes":[],"log_level":"error"},"timers":{"registrationReconnect":0}})");
+    support::Process agent({AGENT_PROGRAM, configuration},
+                           {"DEVICE_TYPE=recorder", "DEVICE_NAME=North gate"});
     const auto turns = [&agent] {
-        std::size_t count = 0;
-        const std::string log = agent.Output(),
-                          error = "[client:219] Tunnel client error: Discovery failed\n";
-        for (auto at = log.find(error); at != std::string::npos; at = log.find(error, at + 1)) ++count;
-        return count;
+        return support::Count(agent.Output(), "[client:219] Tunnel client error: Discovery failed\n");
     };
     ASSERT_TRUE(support::Eventually([&] { return turns() > 20; }));
     [[maybe_unused]] const std::size_t memory = agent.ResidentKibibytes();

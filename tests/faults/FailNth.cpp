@@ -1,9 +1,10 @@
-// Preloaded into the agent: makes one call of one function fail. FAIL_CALL names the function ("new": the agent's own
-// allocations), FAIL_AT says which of its calls from main on, from 1, and FAIL_ERRNO with which error, which
-// getaddrinfo and pthread_create return themselves.
+// Preloaded into the agent: makes one call of one function fail. FAIL_CALL names the function ("new": the
+// agent's own allocations), FAIL_AT says which of its calls from main on, from 1, and FAIL_ERRNO with which
+// error, which getaddrinfo and pthread_create return themselves.
 //
-// The moment is announced on standard error. SIGUSR1 sets the wall clock back by a day. SIGTERM ends the process in
-// order at its next pause, so that a leak checker gets its turn: within a handler it could meet the allocator at work.
+// The moment is announced on standard error. SIGUSR1 sets the wall clock back by a day. SIGTERM ends the
+// process in order at its next pause, so that a leak checker gets its turn: within a handler it could meet
+// the allocator at work.
 #include <dlfcn.h>
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -5,10 +5,14 @@
 
 namespace support {
 
+/// How long a test waits for what has to happen. It only ends a hang: nothing takes as long on a busy
+/// machine.
+constexpr std::chrono::seconds patience{100};
+
 /// Waits until `condition()` holds, for what another process or thread does; looks every few milliseconds.
 /// @return false when it still does not hold after `ceiling`
 template <typename Condition>
-bool Eventually(Condition condition, std::chrono::milliseconds ceiling = std::chrono::seconds(20)) {
+bool Eventually(Condition condition, std::chrono::milliseconds ceiling = patience) {
     const auto end = std::chrono::steady_clock::now() + ceiling;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) return false;

@@ -3,18 +3,27 @@
 #include <asio.hpp>
 #include <chrono>
 
+#include "tests/support/Eventually.h"
+
 namespace support {
 
 /// Runs the loop until `done()` holds.
-/// @return false when it still does not hold after ten seconds
+/// @return false when it still does not hold after `patience`
 template <typename Condition>
 bool RunUntil(asio::io_context& io, Condition done) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto end = std::chrono::steady_clock::now() + patience;
     for (io.restart(); !done(); io.restart()) {
         if (std::chrono::steady_clock::now() >= end) return false;
         io.run_one_for(std::chrono::milliseconds(20));
     }
     return true;
+}
+
+/// Runs the loop to its end. @return false when work is still left after `patience`
+inline bool RunToTheEnd(asio::io_context& io) {
+    io.restart();
+    io.run_for(patience);
+    return io.stopped();
 }
 
 /// Two connected TCP sockets of one thread, so neither must block.

@@ -1,6 +1,8 @@
 #include "tests/support/Process.h"
 
 #include <fcntl.h>
+#include <semaphore.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,6 +66,14 @@ void Process::Become(char* const arguments[], char* const environment[], pid_t p
 Process::~Process() {
     Signal(SIGKILL);
     Wait();
+    RemoveSharedClock();
+}
+
+// libfaketime, which tests preload to make a process's clock run faster, shares the time among the process
+// and its children, and removes the memory for it only when the process ends in order.
+void Process::RemoveSharedClock() const {
+    sem_unlink(("/faketime_sem_" + std::to_string(pid)).c_str());
+    shm_unlink(("/faketime_shm_" + std::to_string(pid)).c_str());
 }
 
 bool Process::IsRunning() {

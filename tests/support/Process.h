@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Eventually.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace support {
@@ -32,7 +33,7 @@ public:
     bool IsRunning();
     void Signal(int number);  ///< nothing happens once it has ended
     /// Waits for its end. @return the exit status, or minus the signal that ended it; nothing after `ceiling`
-    std::optional<int> Wait(std::chrono::milliseconds ceiling = std::chrono::seconds(20));
+    std::optional<int> Wait(std::chrono::milliseconds ceiling = patience);
 
     /// What it has written so far.
     std::string Output() const { return ReadFile(folder.Path() / "output"); }
@@ -47,6 +48,7 @@ private:
     void Start(std::vector<std::string> arguments, std::vector<std::string> environment, int output);
     [[noreturn]] void Become(char* const arguments[], char* const environment[], pid_t parent,
                              int output) const;
+    void RemoveSharedClock() const;
 
     TemporaryFolder folder;
     std::string outputFile, errorsFile;

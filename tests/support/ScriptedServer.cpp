@@ -11,8 +11,8 @@ namespace {
 
 /// How soon a wait notices that its server is being destroyed.
 constexpr std::chrono::milliseconds glance{10};
-/// Longer than any conversation of ours, shorter than what a test runner grants.
-constexpr std::chrono::seconds finishPatience{60};
+/// Longer than a conversation that fails because nothing comes, shorter than what a test runner grants.
+constexpr std::chrono::seconds finishPatience = 3 * patience;
 
 void Throw(const std::error_code& error) {
     if (error) throw std::system_error(error);
@@ -20,10 +20,8 @@ void Throw(const std::error_code& error) {
 
 }  // namespace
 
-Connection::Connection(std::chrono::milliseconds patienceOfCalls) : patience(patienceOfCalls) {}
-
-Connection Connection::To(unsigned short port, std::chrono::milliseconds patience) {
-    Connection connection(patience);
+Connection Connection::To(unsigned short port) {
+    Connection connection;
     auto& socket = connection.Socket();
     connection.Await([&](const Handler& done) {
         socket.async_connect({asio::ip::address_v4::loopback(), port},
@@ -39,10 +37,14 @@ std::error_code Connection::Outcome(const std::function<void(Handler)>& start) {
     start([&](std::error_code error, std::size_t) { outcome = error; });
     const auto deadline = std::chrono::steady_clock::now() + patience;
     const auto waiting = [&] { return !outcome && std::chrono::steady_clock::now() < deadline; };
-    while (waiting() && !(abandoned && *abandoned)) line->io.run_one_for(std::min(glance, patience));
+    while (waiting() && !(abandoned && *abandoned)) line->io.run_one_for(glance);
     if (outcome) return *outcome;
-    line->socket.cancel();
-    line->io.run();  // the cancelled operation completes: nothing refers to this frame any more
+    // The operation completes, and then nothing refers to this frame any more. It may have several steps:
+    // when one was completed just before it could be cancelled, the next one is begun.
+    while (!outcome) {
+        line->socket.cancel();
+        line->io.run_one_for(glance);
+    }
     return abandoned && *abandoned ? std::error_code(asio::error::operation_aborted)
                                    : std::error_code(asio::error::timed_out);
 }

@@ -11,18 +11,18 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Eventually.h"
+
 namespace support {
 
-/// One TCP connection, used blocking: a conversation written down from top to bottom. Every call waits for at
-/// most `patience` and throws std::system_error: timed_out then, otherwise what the socket reported
+/// One TCP connection, used blocking: a conversation written down from top to bottom. Every call waits for as
+/// long as `patience` and throws std::system_error: timed_out then, otherwise what the socket reported
 /// (asio::error::eof when the peer hung up too early), or operation_aborted once the server that plays this
 /// conversation is being destroyed.
 class Connection {
 public:
-    explicit Connection(std::chrono::milliseconds patienceOfCalls = std::chrono::seconds(20));
-
     /// The other way round: a connection that we open, to 127.0.0.1 and `port`.
-    static Connection To(unsigned short port, std::chrono::milliseconds patience = std::chrono::seconds(20));
+    static Connection To(unsigned short port);
 
     std::string Read(std::size_t bytes);               ///< exactly so many bytes
     std::string ReadUntil(const std::string& marker);  ///< up to the marker, and the marker
@@ -46,7 +46,6 @@ private:
         std::string received;  // read, not yet asked for
     };
     std::unique_ptr<Line> line = std::make_unique<Line>();
-    std::chrono::milliseconds patience;
     const std::atomic<bool>* abandoned = nullptr;  // the server's: ends every wait
 };
 
@@ -66,7 +65,7 @@ public:
 
     unsigned short Port() const { return port; }
     /// Waits until every conversation has been played. @throws what the first failed conversation threw, or
-    /// std::system_error timed_out after a minute, as when nobody connects any more
+    /// std::system_error timed_out after a while, as when nobody connects any more
     void Finish();
 
 private:

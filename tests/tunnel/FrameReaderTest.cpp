@@ -71,11 +71,7 @@ protected:
         pair.near.get_option(bytes);
         return static_cast<std::size_t>(bytes.value());
     }
-    void RunToTheEnd() {
-        io.restart();
-        io.run_for(10s);
-        EXPECT_TRUE(io.stopped()) << "it reads on";
-    }
+    void RunToTheEnd() { EXPECT_TRUE(support::RunToTheEnd(io)) << "it reads on"; }
 
     support::LogCapture log;
     asio::io_context io;
@@ -164,7 +160,7 @@ TEST_F(FrameReaderTest, HandsOutSixteenFramesInOneTurnOfTheLoop) {
     Write(bytes);
     reader.ListenToTunnelServer();
     int most = 0;
-    for (int before = 0; owner.frames < 50 && io.run_one_for(10s) == 1; before = owner.frames)
+    for (int before = 0; owner.frames < 50 && io.run_one_for(support::patience) == 1; before = owner.frames)
         most = std::max(most, owner.frames - before);
     EXPECT_EQ(most, 16);
     EXPECT_EQ(owner.batches, 4);
@@ -230,7 +226,7 @@ TEST(FrameReaderEnd, IsAFaultOfTheHeaderOrOfTheData) {
             EXPECT_EQ(log.Lines(), lines);
             if (isReset) pair.far.set_option(asio::socket_base::linger(true, 0));
             pair.far.close();
-            io.run_for(10s);
+            EXPECT_TRUE(support::RunToTheEnd(io));
             lines.push_back((more < headerBytes ? "[TunnelClient:168] ListenToTunnelServer - read header: "s
                                                 : "[TunnelClient:193] ListenToTunnelServer - read data: "s) +
                             (isReset ? "(104) Connection reset by peer" : "(2) End of file"));

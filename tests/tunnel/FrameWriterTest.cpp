@@ -145,9 +145,7 @@ TEST_F(FrameWriterTest, WritesNothingMoreAfterAnError) {
     const Lines lines = log.Lines();
     EXPECT_EQ(lines.back(), "[TunnelClient:411] TunnelClient::SendAsync: (104) Connection reset by peer");
     Queue(1);
-    io.restart();
-    io.run_for(10s);
-    EXPECT_TRUE(io.stopped());
+    EXPECT_TRUE(support::RunToTheEnd(io));
     EXPECT_EQ(log.Lines(), lines);
     EXPECT_EQ(owner.failed, 1);
     EXPECT_EQ(owner.sent.size(), sent);

@@ -9,8 +9,8 @@
 namespace nox::tunnel_client {
 namespace {
 
-// Members in order of their names, strings decoded, everything else as its text; only the exact name "sign" is
-// left out. The digests were made with md5sum from texts put together by hand.
+// Members in order of their names, strings decoded, everything else as its text; only the exact name "sign"
+// is left out. The digests were made with md5sum from texts put together by hand.
 TEST(MessageSigningTest, SignsWhatWasPutTogetherByHand) {
     const std::pair<const char*, const char*> table[] = {
         {R"({"timestamp":"1700000000000","method":"message","sign":"x","noncestr":"abcdefghijklmnop"})",

@@ -4,6 +4,7 @@
 
 #include <fstream>
 
+#include "tests/support/Eventually.h"
 #include "tunnel/PayloadMemory.h"
 
 namespace nox::tunnel_client {
@@ -117,7 +118,7 @@ TEST_F(PayloadMemoryTest, GivesBackTheMemoryOfABurstOnceASecond) {
     }
     const std::size_t resident = ResidentBytes();
     io.restart();
-    EXPECT_EQ(io.run_for(10s), 1U) << "once for all of it";
+    EXPECT_EQ(io.run_for(support::patience), 1U) << "once for all of it";
     EXPECT_TRUE(io.stopped());
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 1s);
     if (hasOwnAllocator) {

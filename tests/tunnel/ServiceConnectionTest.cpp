@@ -87,11 +87,7 @@ protected:
         owner.turns.GiveTurns();
         owner.line.waiting = others;
     }
-    void RunToTheEnd() {
-        io.restart();
-        io.run_for(10s);
-        EXPECT_TRUE(io.stopped()) << "work is left";
-    }
+    void RunToTheEnd() { EXPECT_TRUE(support::RunToTheEnd(io)) << "work is left"; }
 
     static constexpr std::size_t others = 1000;  // frames of other sessions
 
@@ -147,10 +143,11 @@ TEST_F(ServiceConnectionTest, PausesAtTwentyUploadsAndResumesAtFourteen) {
     const auto connection = Connect(service.Port());
     const std::string pausing = "Session " + id + ", pausing listening to service";
     RunUntil([&] { return log.Count(pausing) == 1; });
-    io.run_for(50ms);
+    io.poll();
     EXPECT_EQ(owner.frames.size(), 20U);
     for (int written = 0; written < 5; ++written) connection->UploadFinished();
-    io.run_for(50ms);
+    io.restart();
+    io.poll();
     EXPECT_EQ(owner.frames.size(), 20U) << "resumed above fourteen";
     const std::string listening = "Session " + id + ", listening to service";
     EXPECT_EQ(log.Count(listening), 20U) << "one for each frame, as if read one by one";
@@ -207,7 +204,7 @@ TEST_F(ServiceConnectionTest, ReadsWhatHasArrivedOnceWhenItIsStopped) {
         owner.frames.clear();
         owner.line.asked = 0;
         owner.line.waiting = others;
-        const auto connection = Connect(service.Port(), hasTurn ? 10s : 200ms);
+        const auto connection = Connect(service.Port(), hasTurn ? 1h : 200ms);
         RunUntil([&] { return owner.line.asked > 0; });
         EXPECT_EQ(owner.Received(), "");
         connection->Stop();
@@ -297,7 +294,7 @@ TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
         hasAll = true;
         EXPECT_EQ(peer.ReadToEnd(), "");
     }});
-    auto connection = Connect(service.Port(), 10s);
+    auto connection = Connect(service.Port(), 1h);
     Send(*connection, payload);
     Send(*connection, "never begun");
     RunUntil([&] { return owner.calls == "disconnect " + id + "\n"; });
@@ -327,7 +324,8 @@ TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
                                                        ": (104) Connection reset by peer"});
 }
 
-// The read that waits already is still answered, and relayed behind the word that the session has ended. No other is.
+// The read that waits already is still answered, and relayed behind the word that the session has ended. No
+// other is.
 TEST_F(ServiceConnectionTest, RelaysOneReadAfterAFailedWrite) {
     support::ScriptedServer service({[](support::Connection& peer) {
         peer.Read(1);
@@ -355,13 +353,13 @@ TEST_F(ServiceConnectionTest, CatchesUpWithALongQueueOfSmallPayloadsWhileMoreCom
         isLong.get_future().wait();
         peer.ReadToEnd();
     }});
-    const auto connection = Connect(service.Port(), 10s);
+    const auto connection = Connect(service.Port(), 1h);
     Send(*connection, support::Megabytes(20));
     for (int payload = 0; payload < many; ++payload) Send(*connection, "small");
     isLong.set_value();
     int batches = 0;
     const auto isCaughtUp = [&] { return log.Count("Session " + id + ", nothing to send, pausing") > 0; };
-    const auto end = std::chrono::steady_clock::now() + 10s;
+    const auto end = std::chrono::steady_clock::now() + support::patience;
     for (io.restart(); batches < 4 * many / batch && std::chrono::steady_clock::now() < end;) {
         if (io.run_one_for(20ms) == 0) {
             if (isCaughtUp()) break;

@@ -7,6 +7,7 @@
 #include <set>
 #include <utility>
 
+#include "tests/support/InTime.h"
 #include "tests/support/LogCapture.h"
 #include "tests/tunnel/TunnelRun.h"
 #include "tunnel/MessageSigning.h"
@@ -92,15 +93,13 @@ const Spoken survived[] = {
 };
 
 TEST(TunnelClientTest, AnswersEachMessageWithItsLineAndReadsTheNext) {
-    const auto log = RunTunnel({[](support::Connection& agent) {
-                                   Accept(agent);
-                                   for (const Spoken& row : survived) {
-                                       row.say(agent);
-                                       Say(agent, R"({"method":"message","message":")"s + row.name + "\"}");
-                                   }
-                                   HangUp(agent);
-                               }},
-                               logDebug);
+    const auto serve = [](support::Connection& agent) {
+        for (const Spoken& row : survived) {
+            row.say(agent);
+            Say(agent, R"({"method":"message","message":")"s + row.name + "\"}");
+        }
+    };
+    const auto log = DuringTunnel(serve, logDebug);
     const std::string marker = "[TunnelClient:283] Tunnel server message: ";
     std::map<std::string, Lines> told;
     Lines lines;
@@ -130,6 +129,13 @@ void Forge(support::Connection& agent) {
     agent.ReadToEnd();
 }
 
+// "Connecting to ...", with the port.
+Lines WithoutFirst(Lines log) {
+    EXPECT_EQ(log.at(0).rfind("[TunnelClient:98] Connecting to tunnel server 127.0.0.1:", 0), 0U);
+    log.erase(log.begin());
+    return log;
+}
+
 // With the whole log of it: the line of the cause, the delayed close and what it brings.
 TEST(TunnelClientTest, EndsTheConnectionAndTriesTheNextOne) {
     const Spoken table[] = {
@@ -144,11 +150,10 @@ TEST(TunnelClientTest, EndsTheConnectionAndTriesTheNextOne) {
          {"[TunnelClient:259] Message signature mismatch: 0, 7CE9ADCE4793965D9571BDB8F822BCA8",
           "[TunnelClient:260] Failed to verify server message", closing, timeout}}};
     for (const Spoken& row : table) {
-        const auto log = RunTunnel({row.say}, logDebug);
-        ASSERT_FALSE(log.empty());
-        EXPECT_THAT(log.front(),
-                    testing::StartsWith("[TunnelClient:98] Connecting to tunnel server 127.0.0.1:"));
-        EXPECT_EQ(Lines(log.begin() + 1, log.end()), row.log) << row.name;
+        SCOPED_TRACE(row.name);
+        ExpectInTime(row.log, [&](int scale) {
+            return WithoutFirst(RunTunnel({row.say}, logDebug, QuickDelays(scale)));
+        });
     }
 }
 
@@ -168,66 +173,64 @@ TEST(TunnelClientTest, ThrowsForAServiceWithoutAddress) {
             Say(agent, request);
             agent.ReadToEnd();
         };
-        EXPECT_THAT([&] { RunTunnel({ask}); },
+        EXPECT_THAT(([&] { RunTunnel({ask}, logInfo, Delays{}); }),
                     testing::ThrowsMessage<std::exception>(testing::StartsWith(error)))
             << members;
     }
 }
 
 TEST(TunnelClientTest, IntroducesItselfAndBeats) {
-    std::string verify;
-    std::vector<support::Frame> beats;
-    const auto log = RunTunnel({[&](support::Connection& agent) {
-                                   verify = support::ReadControl(agent);
-                                   const auto port = agent.Socket().local_endpoint().port();
-                                   EXPECT_EQ(OptionOfSocketTo(port, IPPROTO_TCP, TCP_NODELAY), 1);
-                                   EXPECT_EQ(OptionOfSocketTo(port, IPPROTO_TCP, TCP_NOTSENT_LOWAT), 16384);
-                                   Say(agent, R"({"method":"anything"})");
-                                   for (int beat = 0; beat < 2; ++beat)
-                                       beats.push_back(support::ReadFrame(agent));
-                                   HangUp(agent);
-                               }},
-                               logVerbose);
-    EXPECT_TRUE(std::regex_match(
-        verify,
-        std::regex(R"(\{"method":"verify","username":"user","message":"","deviceId":"device\\/1",)"
-                   R"("version":"1.0","timestamp":"\d{13}","noncestr":"\w{16}","sign":"[0-9A-F]{32}"\})")))
-        << verify;
-    for (const support::Frame& beat : beats) {
-        EXPECT_EQ(beat.type, 1);
-        EXPECT_EQ(beat.session, "0000000000000000");
-        EXPECT_EQ(beat.payload, "");
-    }
-    const std::string sent = std::to_string(21 + verify.size());
-    const Lines expected = {
-        "[TunnelClient:107] Resolved server, connecting...",
-        "[TunnelClient:115] Connected to server, sending verification message...",
-        "[TunnelClient:392] Inside SendAsync, type 3, length " + std::to_string(verify.size()),
-        "[TunnelClient:162] Listening to tunnel server",
-        "[TunnelClient:415] Finished upload, length " + sent,
-        "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
-        "[TunnelClient:175] Header, type 3, len 121",
-        "[TunnelClient:214] Received message, type 3, length 121",
-        "[TunnelClient:270] Message signature verified",
-        "[TunnelClient:448] Sending heartbeat",
-        "[TunnelClient:162] Listening to tunnel server",
-        "[TunnelClient:392] Inside SendAsync, type 1, length 0",
-        "[TunnelClient:415] Finished upload, length 21",
-        "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
-        "[TunnelClient:448] Sending heartbeat",
-        "[TunnelClient:392] Inside SendAsync, type 1, length 0",
-        "[TunnelClient:415] Finished upload, length 21",
-        "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
-        "[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file",
-        closing,
-        "[TunnelClient:445] Stopping heartbeat messages",
+    const auto attempt = [](int scale) {
+        std::string verify;
+        const auto serve = [&](support::Connection& agent) {
+            const auto port = agent.Socket().local_endpoint().port();
+            verify = Accept(agent);
+            EXPECT_EQ(OptionOfSocketTo(port, IPPROTO_TCP, TCP_NODELAY), 1);
+            EXPECT_EQ(OptionOfSocketTo(port, IPPROTO_TCP, TCP_NOTSENT_LOWAT), 16384);
+            for (int beat = 0; beat < 2; ++beat)
+                EXPECT_EQ(agent.Read(21), "\1\0\0\0\0"s + std::string(16, '0'));
+            HangUp(agent);
+        };
+        const Lines log = WithoutFirst(RunTunnel({serve}, logVerbose, QuickDelays(scale)));
+        EXPECT_TRUE(std::regex_match(
+            verify,
+            std::regex(
+                R"(\{"method":"verify","username":"user","message":"","deviceId":"device\\/1",)"
+                R"("version":"1.0","timestamp":"\d{13}","noncestr":"\w{16}","sign":"[0-9A-F]{32}"\})")))
+            << verify;
+        return log;
     };
-    ASSERT_FALSE(log.empty());
-    EXPECT_EQ(Lines(log.begin() + 1, log.end()), expected);
+    constexpr int verifyBytes = 189;
+    ExpectInTime(
+        Lines{
+            "[TunnelClient:107] Resolved server, connecting...",
+            "[TunnelClient:115] Connected to server, sending verification message...",
+            "[TunnelClient:392] Inside SendAsync, type 3, length " + std::to_string(verifyBytes),
+            "[TunnelClient:162] Listening to tunnel server",
+            "[TunnelClient:415] Finished upload, length " + std::to_string(21 + verifyBytes),
+            "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
+            "[TunnelClient:175] Header, type 3, len 140",
+            "[TunnelClient:214] Received message, type 3, length 140",
+            "[TunnelClient:270] Message signature verified",
+            "[TunnelClient:448] Sending heartbeat",
+            "[TunnelClient:283] Tunnel server message: welcome",
+            "[TunnelClient:162] Listening to tunnel server",
+            "[TunnelClient:392] Inside SendAsync, type 1, length 0",
+            "[TunnelClient:415] Finished upload, length 21",
+            "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
+            "[TunnelClient:448] Sending heartbeat",
+            "[TunnelClient:392] Inside SendAsync, type 1, length 0",
+            "[TunnelClient:415] Finished upload, length 21",
+            "[TunnelClient:436] skipping SendAsync, sendQueue is empty",
+            "[TunnelClient:168] ListenToTunnelServer - read header: (2) End of file",
+            closing,
+            "[TunnelClient:445] Stopping heartbeat messages",
+        },
+        attempt);
 }
 
 TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
-    TunnelConfig config = QuickConfig(support::ScriptedServer({}).Port());
+    TunnelConfig config = ConfigFor(support::ScriptedServer({}).Port());
     const std::string again = "[TunnelClient:50] Tunnel reconnecting...";
     for (const char* failure : {"[TunnelClient:112] Failed to connect: (111) Connection refused",
                                 "[TunnelClient:104] Failed to resolve server: ("}) {
@@ -243,10 +246,9 @@ TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
 
 // Everything that a tunnel and its sessions have to say, but for what other tests see at level "error" and
 // what cannot happen.
-Lines SayEverything(int level) {
-    const support::Conversation talk = [](support::Connection& peer) {
-        const std::string much = Megabytes(10);
-        for (int i = 0; i < 40; ++i) peer.Write(much);  // it has not said all when the tunnel closes
+Lines SayEverything(int level, int scale) {
+    const support::Conversation talk = [much = Megabytes(10)](support::Connection& peer) {
+        for (int i = 0; i < 40; ++i) peer.Write(much);  // it has not sent all when the tunnel closes
     };
     const support::Conversation listen = [](support::Connection& peer) { peer.ReadToEnd(); };
     const support::Conversation hangUp = [](support::Connection& peer) { peer.Read(4); };
@@ -255,26 +257,23 @@ Lines SayEverything(int level) {
         Accept(agent);
         for (const Spoken& row : survived) row.say(agent);
         NewSession(agent, support::ScriptedServer({}).Port(), "refused-00000000");
-        support::WriteFrame(agent, {0, "refused-00000000", "not sent"});
+        SendData(agent, "not sent", "refused-00000000");
         NewSession(agent, services.Port());
-        Say(agent, R"({"method":"end_session","session":")" + sessionId + R"("})");
+        EndSession(agent);
         Listen(agent, 1);
         NewSession(agent, services.Port(), "hangs-up-0000000");
-        support::WriteFrame(agent, {0, "hangs-up-0000000", "sent"});
+        SendData(agent, "sent", "hangs-up-0000000");
         Listen(agent, 1);
         NewSession(agent, talker.Port(), "short");
         NewSession(agent, other.Port(), "talks-0000000000");
-        for (std::set<std::string> heard; heard.size() < 2;) {
-            const support::Frame frame = support::ReadFrame(agent);
-            if (frame.type == 0) heard.insert(frame.session);
-        }
+        for (std::set<std::string> heard; heard.size() < 2;) heard.insert(ReadData(agent).session);
         agent.Write("\3\0\0\0\1"s + "0000000000000000");
         HangUp(agent);
     };
     Delays delays = QuickDelays();
-    delays.verificationLimit = 300ms;
+    delays.verificationLimit = scale * 300ms;
     delays.tunnelClose = 10ms;
-    delays.sessionClose = 300ms;  // so that sessions still upload to the closed tunnel
+    delays.sessionClose = scale * 300ms;  // so that sessions still upload to the closed tunnel
     delays.second = 1ms;
     const auto tooLong = Bytes("\3\xFF\xFF\xFF\xFF"s + "0000000000000000");
     return RunTunnel({everything, Forge, tooLong}, level, delays);
@@ -287,28 +286,34 @@ std::string Kind(const std::string& line) {
                               std::regex(R"(^.*\] |[:,]? ?\(.*|(,|for)? ?[Ss]ession [\w-]+,? ?|:? \d+)"), "");
 }
 
-TEST(TunnelClientTest, GivesEachLineItsLevel) {
-    std::map<std::string, int> levels;  // the lowest threshold at which it is written
+// Keyed by the lowest threshold at which they are written.
+std::map<int, std::set<std::string>> KindsByLevel(int scale) {
+    std::map<std::string, int> levels;
     for (int level = logError; level <= logVerbose; ++level)
-        for (const std::string& line : SayEverything(level)) levels.emplace(Kind(line), level);
+        for (const std::string& line : SayEverything(level, scale)) levels.emplace(Kind(line), level);
     std::map<int, std::set<std::string>> kinds;
     for (const auto& [kind, level] : levels) kinds[level].insert(kind);
-    EXPECT_EQ(kinds,
-              (std::map<int, std::set<std::string>>{
-                  {logError,
-                   {"45", "50", "122", "178", "193", "224", "238", "251", "260", "266", "289", "318", "337",
-                    "341", "411", "ServiceConnection::Connect"}},
-                  {logWarning, {"279"}},
-                  {logInfo, {"98", "270", "283", "332", "445", "448"}},
-                  {logDebug,
-                   {"147", "259", "305", "323", "328", "362", "424", "ServiceConnection::ListenToService",
-                    "pausing listening to service", "resume sending to service", "nothing to send, pausing",
-                    "Closingsocket after timer delay", "Stoppingafter timer delay"}},
-                  {logVerbose,
-                   {"107", "115", "162", "175", "214", "309", "348", "354", "392", "415", "436",
-                    "listening to service", "received bytes from service", "pending uploads",
-                    "sent bytes to service", "ServiceConnection::Stop", "ListenToService error with stopFlag",
-                    "SendAsync error with stopFlag"}}}));
+    return kinds;
+}
+
+TEST(TunnelClientTest, GivesEachLineItsLevel) {
+    ExpectInTime(
+        std::map<int, std::set<std::string>>{
+            {logError,
+             {"45", "50", "122", "178", "193", "224", "238", "251", "260", "266", "289", "318", "337", "341",
+              "411", "ServiceConnection::Connect"}},
+            {logWarning, {"279"}},
+            {logInfo, {"98", "270", "283", "332", "445", "448"}},
+            {logDebug,
+             {"147", "259", "305", "323", "328", "362", "424", "ServiceConnection::ListenToService",
+              "pausing listening to service", "resume sending to service", "nothing to send, pausing",
+              "Closingsocket after timer delay", "Stoppingafter timer delay"}},
+            {logVerbose,
+             {"107", "115", "162", "175", "214", "309", "348", "354", "392", "415", "436",
+              "listening to service", "received bytes from service", "pending uploads",
+              "sent bytes to service", "ServiceConnection::Stop", "ListenToService error with stopFlag",
+              "SendAsync error with stopFlag"}}},
+        KindsByLevel);
 }
 
 // The figures that a device runs with; everywhere else tests shorten them.

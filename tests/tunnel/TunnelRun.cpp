@@ -1,24 +1,36 @@
 #include "tests/tunnel/TunnelRun.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <csignal>
 #include <utility>
 
-#include "lab/wire/Signing.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Eventually.h"
 
 namespace support {
 
 using namespace nox::tunnel_client;
 using namespace std::chrono_literals;
 
+namespace {
+
 // As in the agent.
 const auto pipeSignal = std::signal(SIGPIPE, SIG_IGN);
 
-TunnelConfig QuickConfig(unsigned short port) {
+const LogCapture* running = nullptr;
+
+// The log of a run, for as long as it lasts.
+struct RunLog : LogCapture {
+    explicit RunLog(std::int32_t level) : LogCapture(level) { running = this; }
+    ~RunLog() { running = nullptr; }
+};
+
+}  // namespace
+
+TunnelConfig ConfigFor(unsigned short port) {
     TunnelConfig config;
     config.username = "user";
     config.password = password;
@@ -30,24 +42,27 @@ TunnelConfig QuickConfig(unsigned short port) {
     return config;
 }
 
-Delays QuickDelays() {
+Delays QuickDelays(int scale) {
     Delays delays;
-    delays.verificationLimit = 1s;  // a run lasts as long; a busy machine may stand still for a while
-    delays.tunnelClose = 100ms;
-    delays.sessionClose = 100ms;
-    delays.sessionRemoval = 50ms;
-    delays.second = 10ms;
+    delays.verificationLimit = scale * 1s;
+    delays.tunnelClose = scale * 100ms;
+    delays.sessionClose = scale * 100ms;
+    delays.sessionRemoval = scale * 50ms;
+    delays.second = scale * 10ms;
     return delays;
 }
 
-std::vector<std::string> RunTunnel(std::vector<support::Conversation> conversations, std::int32_t level,
+Delays QuickBeats() {
+    Delays delays;
+    delays.second = 1ms;
+    return delays;
+}
+
+std::vector<std::string> RunTunnel(std::vector<Conversation> conversations, std::int32_t level,
                                    const Delays& delays) {
-    LogCapture log(level);
-    support::ScriptedServer server(std::move(conversations));
-    {
-        TunnelClient client(QuickConfig(server.Port()), delays);
-        client.Run();
-    }
+    RunLog log(level);
+    ScriptedServer server(std::move(conversations));
+    TunnelClient(ConfigFor(server.Port()), delays).Run();
     server.Finish();
     auto lines = log.Lines();
     const auto refused = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
@@ -59,46 +74,34 @@ std::vector<std::string> RunTunnel(std::vector<support::Conversation> conversati
     return lines;
 }
 
-void Accept(support::Connection& agent) {
-    support::ReadControl(agent);
-    Say(agent, R"({"method":"message","message":"welcome"})");
+std::vector<std::string> DuringTunnel(const Conversation& play, std::int32_t level, const Delays& delays) {
+    RunLog log(level);
+    ScriptedServer server({[&](Connection& agent) {
+        Accept(agent);
+        play(agent);
+        EndTheRun(agent);
+        agent.ReadToEnd();
+    }});
+    Delays unhurried = delays;
+    unhurried.verificationLimit = Delays().verificationLimit;
+    EXPECT_THROW(TunnelClient(ConfigFor(server.Port()), unhurried).Run(), std::system_error);
+    server.Finish();
+    return log.Lines();
 }
 
-void HangUp(support::Connection& agent) {
-    agent.ShutdownSend();
-    agent.ReadToEnd();
+std::vector<std::string> LogSoFar() { return running->Lines(); }
+
+void AwaitLog(const std::string& text) {
+    EXPECT_TRUE(Eventually([&] { return running->Count(text) > 0; })) << text;
 }
 
-std::string Bytes(const support::Frame& frame) {
-    const auto header = lab::EncodeHeader(frame.type, frame.payload.size(), frame.session);
-    return std::string(header.begin(), header.end()) + frame.payload;
-}
-
-std::string Control(const std::string& json) {
-    return Bytes({lab::controlFrame, "", lab::Sign(password, json)});
-}
-
-void Say(support::Connection& agent, const std::string& json) { agent.Write(Control(json)); }
-
-std::string NewSessionText(unsigned short port, const std::string& id) {
-    return R"({"method":"new_session","session":")" + id + R"(","localHost":"127.0.0.1","localPort":)" +
-           std::to_string(port) + "}";
-}
-
-void NewSession(support::Connection& agent, unsigned short port, const std::string& id) {
-    Say(agent, NewSessionText(port, id));
-}
-
-Heard Listen(support::Connection& agent, int ends) {
-    Heard heard;
-    while (ends > 0) {
-        const support::Frame frame = support::ReadFrame(agent);
-        if (frame.type == 0) heard.data[frame.session] += frame.payload;
-        if (frame.type != 3) continue;
-        heard.control.push_back(frame.payload.substr(0, frame.payload.find(",\"timestamp\"")));
-        if (frame.payload.find("disconnect-session") != std::string::npos) --ends;
-    }
-    return heard;
+void AwaitStandstill() {
+    EXPECT_TRUE(Eventually([] {
+        const auto lines = LogSoFar();
+        return lines.size() > 3 && std::all_of(lines.end() - 3, lines.end(), [](const std::string& line) {
+                   return line == "[TunnelClient:448] Sending heartbeat";
+               });
+    }));
 }
 
 int OptionOfSocketTo(unsigned short port, int level, int name) {
@@ -113,7 +116,5 @@ int OptionOfSocketTo(unsigned short port, int level, int name) {
     }
     return 0;
 }
-
-std::string Megabytes(std::size_t count) { return std::string(count * 1000000, 'x'); }
 
 }  // namespace support
