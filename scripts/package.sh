@@ -12,7 +12,6 @@
 # The exit status is 0 when the packages are there and every check passed.
 
 set -euo pipefail
-umask 022
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/package.sh; }
@@ -32,6 +31,7 @@ done
 make_packages() {
     local source=$1 output=$2 build=$3 files=$3/debian-files
     rm -rf "$build/cpack"
+    umask 022  # the packages have the modes of the folders that are made here
     mkdir -p "$files/lab"
     gzip -9n <"$source/packaging/tunnel-client.8" >"$files/tunnel-client.8.gz"
     gzip -9n <"$source/packaging/tunnel-lab.1" >"$files/tunnel-lab.1.gz"
