@@ -11,19 +11,16 @@
 #
 # The exit status is 0 when the packages are there and every check passed.
 
-set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-usage() { sed -n '2,/^$/s/^# \{0,1\}//p' scripts/package.sh; }
-refuse() { echo "package.sh: $1, see --help" >&2; exit 2; }
 fail() { echo "package.sh: $1" >&2; exit 1; }
 
 check=false
 for argument in "$@"; do
     case $argument in
-        -h | --help) usage; exit 0 ;;
         --check) check=true ;;
-        *) refuse "unknown argument '$argument'" ;;
+        *) refuse "unknown option '$argument'" ;;
     esac
 done
 
