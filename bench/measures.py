@@ -196,8 +196,8 @@ def own_memory(forwarder):
 
 
 def queued(forwarder, _):
-    """On a fresh forwarder. Every payload is a frame of its own; otherwise the figure would be for several. There
-    are so many that one large payload, on its way at the moment of measuring, makes little difference."""
+    """On a fresh forwarder. Every payload is a frame of its own; otherwise the figure would be for several.
+    There are so many that one large payload, on its way at the moment of measuring, makes little difference."""
     count = 2000
     with Load(forwarder, "queued", count, 20) as run:
         before = own_memory(forwarder)

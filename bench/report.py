@@ -39,7 +39,8 @@ def describe(result):
     machine = result["machine"]
     return (f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}, "
             f"load {machine['load']:.1f} at the end of the run; {result['rounds']} rounds"
-            f"{QUICK if result['quick'] else ''}. Median (least - greatest)." + "".join(f"\n- failed: {failure}" for failure in result["failures"]))
+            f"{QUICK if result['quick'] else ''}. Median (least - greatest)."
+            + "".join(f"\n- failed: {failure}" for failure in result["failures"]))
 
 
 # ---- Tables

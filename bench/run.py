@@ -126,8 +126,8 @@ def one_measure(options, folder, port, figures, measure):
 
 
 def in_turns(generators):
-    """Pairs of a name and the next value of its generator, or the exception that ended it. All take turns step by
-    step, in random order, so that a slow minute of the machine falls on all of them."""
+    """Pairs of a name and the next value of its generator, or the exception that ended it. All take turns step
+    by step, in random order, so that a slow minute of the machine falls on all of them."""
     while generators:
         for name in random.sample(list(generators), len(generators)):
             try:

@@ -13,9 +13,9 @@
 /// JSON text exactly as it came (white space between tokens apart); a value is converted only when it is
 /// read. So what was parsed is written again byte for byte, in the same order, which signatures depend on.
 ///
-/// Values are used by one thread at a time; the library keeps no state and never logs. The agent calls neither
-/// pretty, set_array, parse_array nor kvp_reader, and converts no value to a number; they belong to the library's
-/// promise.
+/// Values are used by one thread at a time; the library keeps no state and never logs. The agent calls
+/// neither pretty, set_array, parse_array nor kvp_reader, and converts no value to a number; they belong to
+/// the library's promise.
 namespace json {
 
 /// A key that is not there, or any key asked of an array. what() is the key itself.

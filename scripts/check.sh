@@ -17,7 +17,7 @@ format() {
 }
 
 shell() {
-    { git ls-files -z 'scripts/*.sh' 'packaging/*.sh'; printf '.ci/run\0'; } | xargs --null shellcheck
+    { git ls-files -z 'scripts/*.sh' packaging/sysv 'packaging/debian/p*'; printf '.ci/run\0'; } | xargs --null shellcheck
 }
 
 # Prints the sources that build/debug compiles, without the one that only compiles asio.

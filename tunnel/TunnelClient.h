@@ -13,8 +13,8 @@ public:
 
     /// Serves three connections and returns when the last has ended. The count is never reset: a connection
     /// that served for days counts like one that was refused, so registration is renewed now and then.
-    /// @throws everything that a handler throws: std::invalid_argument or std::out_of_range for a "localPort" that is
-    ///         no number, std::system_error for a "localHost" that is no numeric address
+    /// @throws everything that a handler throws: std::invalid_argument or std::out_of_range for a "localPort"
+    ///         that is no number, std::system_error for a "localHost" that is no numeric address
     void Run();
 
 private:

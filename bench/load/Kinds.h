@@ -17,7 +17,8 @@ void Bulk(std::size_t bytes, const Words& words);
 void Both(std::size_t seconds, const Words& words);
 
 /// roundtrip TIMES whole|request|both [up|down]: 64 bytes each way, one after the other. With "request" the
-/// request is written in two pieces, with "both" the reply, too. [up|down]: beside a stream in that direction.
+/// request is written in two pieces, with "both" the reply, too. [up|down]: beside a stream in that
+/// direction.
 void RoundTrip(std::size_t times, const Words& words);
 
 /// sessions TIMES: opened, one byte there and back, closed, one after the other.

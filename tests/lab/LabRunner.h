@@ -25,8 +25,8 @@ class LabRunner {
 public:
     explicit LabRunner(Ports ports = {}, Timings timings = Short(), std::size_t frameBytes = maxPayloadBytes);
     ~LabRunner();
-    /// Limits of three seconds where a test waits for their end, because a busy machine may stand still for one;
-    /// clients that take nothing have the usual time.
+    /// Limits of three seconds where a test waits for their end, because a busy machine may stand still for
+    /// one; clients that take nothing have the usual time.
     static Timings Short();
 
     unsigned short SsoPort() const { return lab->SsoPort(); }

@@ -32,7 +32,8 @@ TEST(ServiceUnit, LeavesAnIntruderLittle) {
     EXPECT_GT(Exposure("[Service]\nExecStart=/usr/sbin/tunnel-client\n"), 80) << "the tool judges nothing";
 }
 
-// A bad configuration shows as failed instead of being tried for ever, and HUP, which ends the agent, reloads nothing.
+// A bad configuration shows as failed instead of being tried for ever, and HUP, which ends the agent, reloads
+// nothing.
 TEST(ServiceUnit, StartsAgainButForABadConfiguration) {
     const std::string shipped = "\n" + ReadFile(unit);
     for (const char* line : {"\nRestart=always\n", "\nRestartPreventExitStatus=1\n", "\nDynamicUser=yes\n",

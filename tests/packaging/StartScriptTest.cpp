@@ -1,4 +1,5 @@
-// The start script for devices without systemd, run by BusyBox with BusyBox's tools alone, and the real agent.
+// The start script for devices without systemd, run by BusyBox with BusyBox's tools alone, and the real
+// agent.
 #include <gtest/gtest.h>
 
 #include <filesystem>
