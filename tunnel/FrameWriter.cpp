@@ -15,7 +15,8 @@ void FrameWriter::QueueMessage(TunnelMessage frame) {
     if (queue.size() == 1) asio::post(ioContext, [this] { SendAsync(); });
 }
 
-// What the kernel still holds has not left, see tcp(7); without that knowledge, what it has taken counts.
+// Bytes that the kernel still holds have not left, see tcp(7). When it does not tell, all bytes that it took
+// count.
 std::uint64_t FrameWriter::Departed() const {
     int unacknowledged = 0;
     if (ioctl(socket.native_handle(), SIOCOUTQ, &unacknowledged) != 0) return written;

@@ -33,7 +33,7 @@ void PayloadMemory::OnTimer(std::error_code error) {
     if (!error && IsBurstOver()) Trim();
 }
 
-// The allocator would keep what is freed, for fear that it is wanted again.
+// The allocator would keep freed memory for later use.
 void PayloadMemory::Trim() {
     timer.cancel();
     if (peak < burstBytes) return;

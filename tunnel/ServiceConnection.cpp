@@ -85,7 +85,7 @@ void ServiceConnection::ReadInTurn(int frames) {
 // A busy service is read several frames at a time, as if by one read after the other, and never past the
 // pause. After a failed write it is one frame: the read that was under way.
 void ServiceConnection::ReadService(int frames) {
-    std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: only what has been read is used
+    std::array<char, maxReads * maxReadBytes> buffer;  // NOLINT: only bytes that have been read are used
     int left = state == State::Failed ? 1 : std::min(frames, uploads.Room());
     for (;; LogListening()) {
         const std::size_t wanted = maxReadBytes * static_cast<std::size_t>(std::min(left, maxReads));
@@ -112,7 +112,7 @@ int ServiceConnection::Upload(std::string_view bytes) {
     return frames;
 }
 
-// Goes on after Stop too: what the service still sends is relayed until the socket is closed.
+// Goes on after Stop too: bytes of the service are relayed until its socket is closed.
 void ServiceConnection::UploadFrame(std::string_view bytes) {
     LogWrite("ServiceConnection", __LINE__, logVerbose, "Session %s, received %d bytes from service", Id(),
              static_cast<int>(bytes.size()));

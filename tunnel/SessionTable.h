@@ -18,7 +18,7 @@
 namespace nox::tunnel_client {
 
 /// The sessions of one tunnel connection, by id: opens and ends them, hands them the data that the server
-/// sends, and queues what they have for the server. Everything runs on the thread of `io`.
+/// sends, and queues their frames for the server. Everything runs on the thread of `io`.
 class SessionTable : SessionOwner {
 public:
     /// @param secret, frameWriter, fixedDelays not owned, outlive the table

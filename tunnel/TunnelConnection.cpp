@@ -72,7 +72,7 @@ void TunnelConnection::ListenToTunnelServer() {
 
 // The frame whose reading was under way when the connection had to stop is still acted on, and no other.
 bool TunnelConnection::HandleMessage(const FrameHeader& header, std::string_view payload) {
-    // A session that this message ends or replaces must first get what has arrived for it.
+    // A session that this message ends or replaces must first get the data that arrived before the message.
     if (header.type != dataFrame) sessions.SendArrived();
     LogWrite("TunnelClient", 214, logVerbose, "Received message, type %d, length %d", header.type,
              static_cast<int>(payload.size()));

@@ -11,7 +11,7 @@
 
 namespace load {
 
-/// Clients that read what the service sends them as fast as it comes, on a thread of their own, until this is
+/// Clients that read the service's bytes as fast as they come, on a thread of their own, until this is
 /// destroyed, which closes their connections in the middle of it.
 class Flood {
 public:
@@ -27,7 +27,7 @@ public:
     std::uint64_t Sent() const { return sent; }
     /// @throws std::runtime_error when nothing more comes
     void WaitUntilReceived(std::uint64_t bytes) const;
-    void EndOne();  ///< closes one connection in the middle of what it reads
+    void EndOne();  ///< closes one connection in the middle of its stream
 
 private:
     void Read(tcp::socket& socket);

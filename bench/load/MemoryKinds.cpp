@@ -17,7 +17,7 @@ constexpr std::uint64_t stuckMilliseconds = 40000;  // longer than the load take
 constexpr std::uint64_t flowingBytes = 64 << 20;    // then all uploads are under way
 
 /// One small payload of the session whose service does not read, then a large one of another, which has
-/// arrived when this returns: what follows cannot share a frame with either.
+/// arrived when this returns, so that later bytes cannot share a frame with either.
 void QueueOne(tcp::socket& stuck, std::size_t bytes, tcp::socket& other) {
     static const std::string content(largestPayload, '.');
     asio::write(stuck, asio::buffer(content, bytes));

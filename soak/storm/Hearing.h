@@ -44,7 +44,7 @@ private:
     std::uint64_t bytesOfSessions = 0;
     std::map<std::string, std::deque<Opening*>> expected;  // by id
     std::map<std::string, Opening*> connected;             // by id: the last one
-    std::map<std::string, Opening*, std::less<>> onWire;   // by what is in the headers
+    std::map<std::string, Opening*, std::less<>> onWire;   // by the id in the headers
 };
 
 /// The id as the header of a data frame carries it.

@@ -12,7 +12,7 @@ namespace storm {
 
 class Service;
 
-/// One new_session message and what follows from it.
+/// One new_session message and its session.
 struct Opening {
     std::uint64_t key = 0;  ///< tells its bytes from those of all others, even of the same id
     std::string id;

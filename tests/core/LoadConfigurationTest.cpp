@@ -28,7 +28,7 @@ protected:
         setenv("DEVICE_TYPE", "recorder", 1);
         setenv("DEVICE_NAME", "Lobby", 1);
     }
-    /// What a configuration comes to: port, timers, log and routes; or what is wrong with it.
+    /// A loaded configuration as one line of port, timers, log and routes; or the text of its fault.
     std::string Load(std::string text) {
         std::replace(text.begin(), text.end(), '\'', '"');
         return LoadFile(folder.Write("config.json", text));

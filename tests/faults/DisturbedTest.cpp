@@ -1,4 +1,4 @@
-// The machine misbehaves around the running agent; it lives on, says what it has to say, and recovers.
+// The machine misbehaves around the running agent, which logs the fault, lives on, and recovers.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 

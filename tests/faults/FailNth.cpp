@@ -59,12 +59,14 @@ Function* Next(const char* name) {
 
 }  // namespace
 
-// name(parameters) returns `failure` when it is its turn; otherwise it is the real function.
-#define FAILS_WITH(failure, result, name, parameters, arguments)                     \
-    extern "C" result name parameters {                                              \
-        static auto* const next = Next<result parameters>(#name);                    \
+// symbol(parameters) returns `failure` when it is the turn of `name`; otherwise it is the real function.
+#define FAILS_AS(failure, result, name, symbol, parameters, arguments)               \
+    extern "C" result symbol parameters {                                            \
+        static auto* const next = Next<result parameters>(#symbol);                  \
         return Due(#name, __builtin_return_address(0)) ? (failure) : next arguments; \
     }
+#define FAILS_WITH(failure, result, name, parameters, arguments) \
+    FAILS_AS(failure, result, name, name, parameters, arguments)
 #define FAILS(name, parameters, arguments) FAILS_WITH(-1, int, name, parameters, arguments)
 #define FAILS_TO_MOVE(name, parameters, arguments) FAILS_WITH(-1, ssize_t, name, parameters, arguments)
 #define RETURNS_NUMBER(name, parameters, arguments) FAILS_WITH(failErrno, int, name, parameters, arguments)
@@ -92,6 +94,9 @@ FAILS(eventfd, (unsigned a, int b) noexcept, (a, b))
 RETURNS_NUMBER(pthread_create, (unsigned long* a, const void* b, void* (*c)(void*), void* d) noexcept,
                (a, b, c, d))
 GIVES_NULL(fopen, (const char* a, const char* b), (a, b))
+// The agent calls these, because it is built for files beyond 2 GiB; its libraries may call the others.
+FAILS_AS(nullptr, void*, fopen, fopen64, (const char* a, const char* b), (a, b))
+FAILS_AS(-1, int, fcntl, fcntl64, (int a, int b, void* c), (a, b, c))
 // Memory.
 GIVES_NULL(calloc, (std::size_t a, std::size_t b) noexcept, (a, b))
 GIVES_NULL(realloc, (void* a, std::size_t b) noexcept, (a, b))

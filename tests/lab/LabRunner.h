@@ -65,7 +65,7 @@ std::string Bytes(const Frame& frame);
 std::string VerifyBytes(const std::string& deviceId, const std::string& username, const std::string& password,
                         const std::string& method = "verify", const std::string& version = "1.0");
 
-/// A device that has registered: one that does what it should, until a test makes it do otherwise.
+/// A device that has registered. It behaves well until a test makes it misbehave.
 class ScriptedDevice {
 public:
     explicit ScriptedDevice(LabRunner& labRunner, std::string id = "d1",

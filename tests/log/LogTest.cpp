@@ -226,7 +226,7 @@ TEST_F(LogTest, ReportsAFileThatCannotBeClosedAndLeavesErrnoAlone) {
 }
 
 TEST_F(LogTest, SurvivesAClockBeyondTheCalendar) {
-    // Beyond what a calendar year can count, and the last second of what it can.
+    // A second beyond the greatest year of the calendar, and the last second within it.
     for (const std::time_t absurd : {std::time_t{1} << 62, std::time_t{67768036191656999}}) {
         now = absurd;
         EXPECT_EQ(LogStart(base.c_str(), logInfo, 1), 0);

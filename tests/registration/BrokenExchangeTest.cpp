@@ -70,11 +70,10 @@ TEST_P(BrokenExchange, EndsARegistrationAndTheNextOneWorks) {
             RegistrationClient client(device);
             const std::string failure = discovers ? "Discovery failed" : "Registration failed";
             EXPECT_EQ(Thrown([&] { client.Register(); }), failure);
-            const std::string cause = !inSso ? ": curl_easy_perform() failed"
-                                      : bytes > length
-                                          ? ": "  // writing or reading may be the first to meet it
-                                      : isReset ? ": read: Connection reset by peer"
-                                                : ": read: End of file";
+            const std::string cause = !inSso           ? ": curl_easy_perform() failed"
+                                      : bytes > length ? ": "  // either the write or the read may fail first
+                                      : isReset        ? ": read: Connection reset by peer"
+                                                       : ": read: End of file";
             EXPECT_THAT(log.Texts(), testing::ElementsAre(testing::StartsWith(failure + cause)));
             EXPECT_EQ(Thrown([&] { client.Register(); }), "");
             EXPECT_EQ(met, broken + 1 + exchanges - (discovers ? 0 : 2));

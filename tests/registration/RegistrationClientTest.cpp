@@ -60,7 +60,7 @@ std::string Ok(const std::string& body) { return support::HttpReply(200, body); 
 std::string Version(const std::string& json) { return Ok(R"({"apiVersion":)" + json + "}"); }
 const std::string added = Ok(R"({"status":true,"data":{"tunnelServerEndpoint":"192.0.2.10:4443"}})");
 
-/// What a tunnel is built from: device@host:port user:password; or what is thrown.
+/// The result of a registration as device@host:port user:password, or the text of its exception.
 std::string Register(RegistrationClient& client) {
     TunnelAccess access;
     const std::string thrown = Thrown([&] { access = client.Register(); });
@@ -311,7 +311,7 @@ INSTANTIATE_TEST_SUITE_P(RegistrationClient, Clients, testing::ValuesIn(clients)
 struct Policy {
     const char* name;
     std::vector<int> statuses;  // of the API's answers
-    std::string sso;  // what is asked in each cycle: a token (T), perhaps a reset (R) or one that fails (F)
+    std::string sso;  // the requests of each cycle: a token (T), perhaps a reset (R) or one that fails (F)
 };
 
 class ResetPolicy : public testing::TestWithParam<Policy> {};

@@ -45,7 +45,7 @@ struct Exchange {
     const char* name;
     Ask ask;
     std::string reply;    // bytes
-    std::string outcome;  // what is returned, or what is thrown
+    std::string outcome;  // the returned text, or the text of the exception
 };
 
 class Exchanges : public testing::TestWithParam<Exchange> {};

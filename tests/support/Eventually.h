@@ -5,11 +5,11 @@
 
 namespace support {
 
-/// How long a test waits for what has to happen. It only ends a hang: nothing takes as long on a busy
+/// How long a test waits for an event. It only ends a hang: nothing takes as long on a busy
 /// machine.
 constexpr std::chrono::seconds patience{100};
 
-/// Waits until `condition()` holds, for what another process or thread does; looks every few milliseconds.
+/// Waits until `condition()` holds because another process or thread acts; looks every few milliseconds.
 /// @return false when it still does not hold after `ceiling`
 template <typename Condition>
 bool Eventually(Condition condition, std::chrono::milliseconds ceiling = patience) {

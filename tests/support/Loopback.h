@@ -28,7 +28,7 @@ inline bool RunToTheEnd(asio::io_context& io) {
 
 /// Two connected TCP sockets of one thread, so neither must block.
 struct SocketPair {
-    /// @param bufferBytes of the kernel for what `near` sends; 0: as the kernel likes
+    /// @param bufferBytes of the kernel from `near` to `far`; 0: the kernel's default
     explicit SocketPair(asio::io_context& io, int bufferBytes = 0) : near(io), far(io) {
         using asio::ip::tcp;
         tcp::acceptor acceptor(io, tcp::v4());

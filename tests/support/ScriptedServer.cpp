@@ -11,7 +11,7 @@ namespace {
 
 /// How soon a wait notices that its server is being destroyed.
 constexpr std::chrono::milliseconds glance{10};
-/// Longer than a conversation that fails because nothing comes, shorter than what a test runner grants.
+/// Longer than the patience of a conversation, shorter than the test runner's time limit.
 constexpr std::chrono::seconds finishPatience = 3 * patience;
 
 void Throw(const std::error_code& error) {
@@ -89,7 +89,8 @@ void Connection::ShutdownSend() { line->socket.shutdown(tcp::socket::shutdown_se
 void Connection::Close() {
     std::error_code ignored;
     line->socket.shutdown(tcp::socket::shutdown_send, ignored);
-    // Closing with bytes unread would reset the connection, and the peer could lose what we sent last.
+    // Closing with bytes unread would reset the connection, and the peer could lose the last bytes that we
+    // sent.
     while (line->socket.is_open() && line->socket.available(ignored) > 0) {
         std::array<char, 65536> unread;
         line->socket.read_some(asio::buffer(unread), ignored);

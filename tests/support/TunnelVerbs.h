@@ -39,7 +39,7 @@ Frame ReadData(Connection& agent);
 /// Reads up to the next heartbeat.
 void AwaitHeartbeat(Connection& agent);
 
-/// What the agent sends: data by session, control messages in order, without what signing adds.
+/// Frames of the agent: data by session, control messages in order, without the members that signing adds.
 struct Heard {
     std::map<std::string, std::string> data;
     std::vector<std::string> control;

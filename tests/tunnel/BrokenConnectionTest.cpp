@@ -158,7 +158,7 @@ void Meet(support::Connection& agent, Way way, std::size_t bytes, const std::str
     Heard heard = Listen(agent, 1);
     EXPECT_EQ(heard.control, (Lines{R"({"method":"connected-session","session":")" + id + '"',
                                     R"({"method":"disconnect-session","session":")" + id + '"'}));
-    // A reset may overtake what was written before it.
+    // A reset may overtake bytes that were written before it.
     EXPECT_EQ(heard.data[id], way == Way::Close ? answer : answer.substr(0, heard.data[id].size()));
 }
 

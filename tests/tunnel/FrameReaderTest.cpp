@@ -207,7 +207,7 @@ TEST_F(FrameReaderTest, HandsOutNothingBehindTheFrameWithWhichTheOwnerStops) {
     EXPECT_EQ(owner.failed, 0);
 }
 
-// The header is logged as soon as it is complete; what is missing then is payload.
+// The header is logged as soon as it is complete; only payload is missing then.
 TEST(FrameReaderEnd, IsAFaultOfTheHeaderOrOfTheData) {
     const std::string bytes = Header(9, 1) + "x" + Header(3, 10) + "payload";
     for (const std::size_t more : {0U, 1U, 20U, 21U, 25U}) {

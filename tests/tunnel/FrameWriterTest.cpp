@@ -64,7 +64,7 @@ protected:
     }
     void RunUntilItWaits() {
         ASSERT_TRUE(RunUntil(io, [&] { return writer.Waits() > 0; }));
-        // Acknowledged is what the other end holds; the rest stays here.
+        // The other end has acknowledged the bytes that it holds; the kernel here keeps the rest.
         ASSERT_TRUE(RunUntil(io, [&] {
             const std::size_t there = pair.far.available();
             return there > 0 && writer.Departed() == there && InKernel() > 0;

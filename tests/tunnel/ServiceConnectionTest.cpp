@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 const std::string id = "session-00000001";
 
-// As much waits for the tunnel as a test says.
+// A line on which as many frames wait as a test sets.
 struct Line : ReadTurns::Line {
     std::size_t FramesWaiting() const override {
         ++asked;
@@ -31,7 +31,7 @@ struct Line : ReadTurns::Line {
     mutable int asked = 0;
 };
 
-// Keeps what it is told; letting go of a removed session is the owner's part.
+// Keeps all frames and reports. The test itself lets go of a removed session, as an owner does.
 struct Owner : SessionOwner {
     explicit Owner(asio::io_context& io) : memory(io), turns(io, line, 1h) {}
     void QueueMessage(TunnelMessage message) override { frames.push_back(std::move(message)); }
@@ -307,7 +307,7 @@ TEST_F(ServiceConnectionTest, FinishesThePayloadThatItHasBegun) {
     EXPECT_NO_THROW(service.Finish());
 }
 
-// Paused, it reads nothing: the write is the one to meet the reset.
+// While it is paused it reads nothing, so the write fails with the reset.
 TEST_F(ServiceConnectionTest, ReportsAWriteThatFails) {
     support::ScriptedServer service({[](support::Connection& peer) {
         peer.Write(std::string(327680, 's'));
@@ -373,11 +373,11 @@ TEST_F(ServiceConnectionTest, CatchesUpWithALongQueueOfSmallPayloadsWhileMoreCom
     connection->Stop();
 }
 
-// Letting go in any state closes the socket at once, and what was under way touches nothing (the address
+// Letting go in any state closes the socket at once, and operations under way touch nothing (the address
 // sanitizer sees it if it does).
 struct State {
     const char* name;
-    const char* reachedWith;  // the log line that says so
+    const char* reachedWith;  // the log line that shows it
     std::function<void(ServiceConnection&)> arrange = [](ServiceConnection&) {};
 };
 class ServiceConnectionDropped : public ServiceConnectionTest, public testing::WithParamInterface<State> {};

@@ -27,7 +27,7 @@ struct Spoken {
     Lines log;
 };
 
-// A control frame, signed; what a row cannot sign it sends as it is.
+// A signed control frame; a text that cannot be signed is sent as it is.
 auto Signed(const std::string& json) {
     return [json](support::Connection& agent) { Say(agent, json); };
 }
@@ -136,7 +136,7 @@ Lines WithoutFirst(Lines log) {
     return log;
 }
 
-// With the whole log of it: the line of the cause, the delayed close and what it brings.
+// With the whole log: the line of the cause, the delayed close and the lines that follow from it.
 TEST(TunnelClientTest, EndsTheConnectionAndTriesTheNextOne) {
     const Spoken table[] = {
         {"OneByteTooLong",
@@ -244,8 +244,8 @@ TEST(TunnelClientTest, GivesUpAfterThreeFailures) {
     }
 }
 
-// Everything that a tunnel and its sessions have to say, but for what other tests see at level "error" and
-// what cannot happen.
+// All lines of a tunnel and its sessions, except those that other tests see at level "error" and those that
+// cannot occur.
 Lines SayEverything(int level, int scale) {
     const support::Conversation talk = [much = Megabytes(10)](support::Connection& peer) {
         for (int i = 0; i < 40; ++i) peer.Write(much);  // it has not sent all when the tunnel closes
