@@ -3,8 +3,9 @@
 # missing first.
 #
 # Usage: scripts/package.sh [--check]
-#   --check  builds everything twice, in folders, under users, umasks, time zones and times that differ, and compares
-#            the packages byte for byte; looks at them with lintian; reads from the programs how they are hardened
+#   --check  builds everything again, a little later, in another folder with a space in its name, with another
+#            umask and time zone, for root as the user nobody, and compares the packages byte for byte; runs
+#            lintian; reads from the programs how they are hardened
 #
 # The version is that of CMakeLists.txt, followed by the time of the commit unless the commit has the tag of that
 # version. All times in the packages are the commit's (SOURCE_DATE_EPOCH, if that is set).
